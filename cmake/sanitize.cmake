@@ -1,0 +1,12 @@
+# One switch for the whole tree: "address,undefined" or "thread"; anything else is an error.
+set(ORVEX_SANITIZE "" CACHE STRING "Sanitizer build: empty, address,undefined or thread")
+if(ORVEX_SANITIZE STREQUAL "")
+elseif(ORVEX_SANITIZE STREQUAL "address,undefined" OR ORVEX_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(ORVEX_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+else()
+  message(FATAL_ERROR "ORVEX_SANITIZE must be empty, 'address,undefined' or 'thread', not '${ORVEX_SANITIZE}'")
+endif()
