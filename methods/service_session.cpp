@@ -1,0 +1,212 @@
+#include "methods/service_session.h"
+
+#include <unistd.h>
+
+#include "common/trace.h"
+#include "option/option.h"
+#include "service/misc.h"
+#include "session/session.h"
+
+namespace Orvex {
+
+namespace {
+
+// Every text opens with the same usage block; the registry fills in the placeholders.
+#define ORVEX_HELP_USAGE "Usage: [General]\n\n[General]:\n   %SERVICE%.%GENERAL%\n\n"
+#define ORVEX_HELP_OPTIONS "[Options]:\n"
+
+constexpr char T0[] = ORVEX_HELP_USAGE;
+
+constexpr char T1[] = ORVEX_HELP_USAGE ORVEX_HELP_OPTIONS
+    "   id=(int)                config id\n";
+
+constexpr char T2[] = ORVEX_HELP_USAGE ORVEX_HELP_OPTIONS
+    "   mode=(int)              1: TCP, 2: TLS, 3: UDP (default TLS)\n"
+    "   address=(str)           remote server address\n"
+    "   port=(int)              remote server port (default 1514)\n"
+    "   bsd=(bool)              enable BSD log format (default false)\n";
+
+// The adding text states no port default; the others do.
+constexpr char T3[] = ORVEX_HELP_USAGE ORVEX_HELP_OPTIONS
+    "   mode=(int)              1: TCP, 2: TLS, 3: UDP (default TLS)\n"
+    "   address=(str)           remote server address\n"
+    "   port=(int)              remote server port\n"
+    "   bsd=(bool)              enable BSD log format (default false)\n"
+    "   event=(bool)            enable event log send to remote (default false)\n"
+    "   access=(bool)           enable access log send to remote (default false)\n"
+    "   enable=(bool)           enable log remote evnet (default false)\n";
+
+constexpr char T4[] = ORVEX_HELP_USAGE ORVEX_HELP_OPTIONS
+    "   id=(int)                config id\n"
+    "   mode=(int)              1: TCP, 2: TLS, 3: UDP (default TLS)\n"
+    "   address=(str)           remote server address\n"
+    "   port=(int)              remote server port (default 1514)\n"
+    "   bsd=(bool)              enable BSD log format (default false)\n"
+    "   event=(bool)            enable event log send to remote (default false)\n"
+    "   access=(bool)           enable access log send to remote (default false)\n"
+    "   enable=(bool)           enable log remote evnet (default false)\n";
+
+constexpr char T5[] = ORVEX_HELP_USAGE ORVEX_HELP_OPTIONS
+    "   tcp_port=(int)          listen port (default 1514)\n"
+    "   udp_port=(int)          listen port (default 1514)\n"
+    "   enable=(bool)           enable rsyslog server (default false)\n"
+    "   tcp_enable=(bool)       enable tcp rsyslog server (default false)\n"
+    "   tls_enable=(bool)       enable tls mode (default true)\n"
+    "   udp_enable=(bool)       enable udo rsyslog server (default false)\n";
+
+constexpr char T6[] = ORVEX_HELP_USAGE ORVEX_HELP_OPTIONS
+    "   bsd=(bool)              enable BSD client (default false)\n"
+    "   orvex=(bool)            enable orvex client (default false)\n";
+
+#undef ORVEX_HELP_USAGE
+#undef ORVEX_HELP_OPTIONS
+
+// Callers compare these texts byte for byte; a stray blank changes the length.
+static_assert(sizeof(T0) - 1 == 53, "help text T0");
+static_assert(sizeof(T1) - 1 == 101, "help text T1");
+static_assert(sizeof(T2) - 1 == 303, "help text T2");
+static_assert(sizeof(T3) - 1 == 506, "help text T3");
+static_assert(sizeof(T4) - 1 == 558, "help text T4");
+static_assert(sizeof(T5) - 1 == 433, "help text T5");
+static_assert(sizeof(T6) - 1 == 188, "help text T6");
+
+}  // namespace
+
+// signin's own options are not listed: its help is the plain usage text by design.
+const char* __signin__ = T0;
+const char* __signout__ = T0;
+const char* __get_device_system_info__ = T0;
+const char* __get_device_rsyslog_config__ = T0;
+const char* __get_device_rsyslog_client__ = T0;
+const char* __del_device_rsyslog_client__ = T1;
+const char* __set_device_rsyslog_client_enable__ = T1;
+const char* __set_device_rsyslog_client_disable__ = T1;
+const char* __add_device_rsyslog_client_test__ = T2;
+const char* __add_device_rsyslog_client__ = T3;
+const char* __set_device_rsyslog_client__ = T4;
+const char* __set_device_rsyslog_server_config__ = T5;
+const char* __set_device_rsyslog_client_config__ = T6;
+
+// Each handler: option record from the arguments (may throw), then the arguments object
+// becomes the reply object, the session fills it, and the reply goes out. Exceptions pass
+// through untouched; the worker replies for them.
+
+void signin(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    SigninOption option(json);
+    json_object_clear(json);
+    Session::getInstance().signin(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+void signout(zs_io* io, json_t*& json, int& fd)
+{
+    {
+        ORVEX_TRACE();
+        json_object_clear(json);
+        Session::getInstance().signout();
+        zs_reply_forward(io, fd, json);
+    }
+    // The process serves one device session: once it is signed out there is nothing left
+    // to serve, so leave at once without the orderly shutdown (no second sign-out).
+    _exit(0);
+}
+
+void get_device_system_info(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    json_object_clear(json);
+    Session::getInstance().getSystemInfo(json);
+    zs_reply_forward(io, fd, json);
+}
+
+void get_device_rsyslog_config(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    json_object_clear(json);
+    Session::getInstance().getRsyslogConfig(json);
+    zs_reply_forward(io, fd, json);
+}
+
+void set_device_rsyslog_server_config(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    SyslogServerOption option(json);
+    json_object_clear(json);
+    Session::getInstance().setRsyslogServerConfig(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+void set_device_rsyslog_client_config(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    SyslogClientManagerOption option(json);
+    json_object_clear(json);
+    Session::getInstance().setRsyslogClientConfig(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+void get_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    json_object_clear(json);
+    Session::getInstance().getRsyslogClient(json);
+    zs_reply_forward(io, fd, json);
+}
+
+void set_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    SyslogClientOption option(json, true);
+    json_object_clear(json);
+    Session::getInstance().setRsyslogClient(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+void add_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    SyslogClientOption option(json, false);
+    json_object_clear(json);
+    Session::getInstance().addRsyslogClient(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+void del_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    IdOption option(json, true);
+    json_object_clear(json);
+    Session::getInstance().delRsyslogClient(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+void add_device_rsyslog_client_test(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    SyslogClientOption option(json, false);
+    json_object_clear(json);
+    Session::getInstance().addRsyslogClientTest(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+void set_device_rsyslog_client_enable(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    IdOption option(json, true);
+    json_object_clear(json);
+    Session::getInstance().setRsyslogClientEnable(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+void set_device_rsyslog_client_disable(zs_io* io, json_t*& json, int& fd)
+{
+    ORVEX_TRACE();
+    IdOption option(json, true);
+    json_object_clear(json);
+    Session::getInstance().setRsyslogClientDisable(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+}  // namespace Orvex

@@ -1,0 +1,128 @@
+// How replies travel: through the caller's descriptor, to a caller that has gone, and the
+// plain-text help through the command-line bus client.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstring>
+
+#include "tests/e2e/support.h"
+
+namespace e2e {
+namespace {
+
+const std::string kHeader = "Content-Type: application/json; charset=utf-8\r\n\r\n";
+
+// Calls a method with a fresh file as the reply descriptor; returns what landed in it.
+std::string callWithDescriptor(const std::string& mac, const std::string& method, const std::string& args,
+    BusReply& reply)
+{
+    TempDir dir;
+    Orvex::UniqueFd fd(open(dir.file("reply").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    reply = busCall(mac, method, args, fd.get());
+    return readFile(dir.file("reply"));
+}
+
+TEST(BusReplies, ReplyGoesToThePassedDescriptorBehindItsHeader)
+{
+    E2E_REQUIRE_ISOLATION();
+    SignedIn s("token", false);
+    BusReply reply;
+    std::string written = callWithDescriptor(s.daemon.mac(), "get_device_system_info", "{}", reply);
+    ASSERT_EQ(reply.rc, 0);
+    EXPECT_EQ(reply.body, "");
+    ASSERT_EQ(written.compare(0, kHeader.size(), kHeader), 0) << written;
+    std::string json = written.substr(kHeader.size());
+    EXPECT_EQ(json.find_first_of(" \n"), std::string::npos) << json;
+    JsonRef parsed = parseJson(json);
+    EXPECT_STREQ(json_string_value(json_object_get(parsed.get(), "model")), "ZEM-880") << json;
+
+    // Error replies take the same way.
+    written = callWithDescriptor(s.daemon.mac(), "set_device_rsyslog_client", "{}", reply);
+    EXPECT_EQ(written, kHeader + R"({"error_code":400,"error_message":"id missed"})");
+}
+
+// Sends one call frame on a raw connection and returns the connection.
+Orvex::UniqueFd sendCall(const std::string& mac, const std::string& method, const std::string& body)
+{
+    Orvex::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string name = busAddress(mac).substr(1);
+    std::memcpy(address.sun_path + 1, name.data(), name.size());
+    socklen_t size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    if (connect(fd.get(), reinterpret_cast<sockaddr*>(&address), size) != 0)
+        return Orvex::UniqueFd();
+    std::string frame = {'Z', 'S', 1, 'C'};
+    for (uint32_t n : {static_cast<uint32_t>(method.size()), static_cast<uint32_t>(body.size())})
+        for (int i = 0; i < 4; ++i)
+            frame += static_cast<char>((n >> (8 * i)) & 0xff);
+    frame += method + body;
+    if (write(fd.get(), frame.data(), frame.size()) != static_cast<ssize_t>(frame.size()))
+        return Orvex::UniqueFd();
+    return fd;
+}
+
+TEST(BusReplies, CallerThatHangsUpStillGetsTheDeviceChanged)
+{
+    E2E_REQUIRE_ISOLATION();
+    SignedIn s("legacy", true, "00:11:22:33:44:55", {"--delay-ms", "300"});
+    Orvex::UniqueFd caller = sendCall(s.daemon.mac(), "add_device_rsyslog_client",
+        R"({"address":"192.0.2.20","mode":3,"port":514})");
+    ASSERT_TRUE(caller);
+    // Hang up while the device is still working on the request.
+    ASSERT_TRUE(waitFor([&] { return !s.device.requestsTo("POST", "/orvex/v1/rsyslog/client?").empty(); }));
+    caller.reset();
+    JsonRef list = s.daemon.call("get_device_rsyslog_client").json();
+    json_t* clients = json_object_get(list.get(), "clients");
+    ASSERT_EQ(json_array_size(clients), 1u) << dump(list.get());
+    EXPECT_STREQ(json_string_value(json_object_get(json_array_get(clients, 0), "address")), "192.0.2.20");
+    EXPECT_TRUE(s.daemon.process().running());
+}
+
+std::string helpText(const std::string& mac, const std::string& method)
+{
+    RunResult result = run({zsCallBinary(), busAddress(mac), "help", "{\"method\":\"" + method + "\"}"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result.out;
+}
+
+TEST(BusReplies, HelpThroughTheBusClientListsAndExplainsTheMethods)
+{
+    E2E_REQUIRE_ISOLATION();
+    const std::string mac = "00:11:22:33:44:55";
+    Daemon daemon(mac);
+    ASSERT_TRUE(daemon.ready()) << daemon.log();
+
+    RunResult all = run({zsCallBinary(), busAddress(mac), "help"});
+    ASSERT_EQ(all.status, 0) << all.err;
+    std::string listing = "\n[Method|Resource]:\n   Resource also be defined in method, all avaiable method are:\n\n";
+    for (const char* name : {"add_device_rsyslog_client", "del_device_rsyslog_client", "get_device_rsyslog_client",
+             "set_device_rsyslog_client", "set_device_rsyslog_client_config", "set_device_rsyslog_client_disable",
+             "set_device_rsyslog_client_enable", "add_device_rsyslog_client_test", "get_device_rsyslog_config",
+             "set_device_rsyslog_server_config", "get_device_system_info", "signin", "signout"})
+        listing += std::string("   ") + name + "\n";
+    EXPECT_EQ(all.out.substr(0, listing.size() + 1), listing + "\n");
+
+    // The three id methods share one text; only the method name differs.
+    std::string del = helpText(mac, "del_device_rsyslog_client");
+    EXPECT_NE(del.find("   orvex-session@" + mac + ".del_device_rsyslog_client\n\n[Options]:\n"
+                       "   id=(int)                config id\n"),
+        std::string::npos)
+        << del;
+    for (const char* other : {"set_device_rsyslog_client_enable", "set_device_rsyslog_client_disable"}) {
+        std::string text = helpText(mac, other);
+        size_t at = text.find(other);
+        ASSERT_NE(at, std::string::npos) << text;
+        text.replace(at, std::strlen(other), "del_device_rsyslog_client");
+        EXPECT_EQ(text, del);
+    }
+    EXPECT_EQ(helpText(mac, "signin").find("[Options]"), std::string::npos);
+    EXPECT_NE(helpText(mac, "add_device_rsyslog_client").find("enable log remote evnet (default false)"),
+        std::string::npos);
+}
+
+}  // namespace
+}  // namespace e2e

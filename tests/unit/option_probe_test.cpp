@@ -1,0 +1,148 @@
+// The port probe of SyslogServerOption against real sockets and the real lsof. Runs under
+// tests/isolate.sh (see option.cmake): private network namespace, /usr/sbin/lsof present.
+#include "option/option.h"
+
+#include "common/raii.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/Pipe.h>
+#include <Poco/PipeStream.h>
+#include <Poco/Process.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+using namespace Orvex;
+
+namespace {
+
+struct HeldPort {
+    UniqueFd fd;
+    int port;
+};
+
+// A loopback socket of this very process; TCP ones listen. Port 0 picks a free one.
+HeldPort holdPort(int type, int port = 0)
+{
+    UniqueFd fd(socket(AF_INET, type | SOCK_CLOEXEC, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(uint16_t(port));
+    socklen_t length = sizeof addr;
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), length), 0) << port;
+    if (type == SOCK_STREAM) {
+        EXPECT_EQ(listen(fd.get(), 1), 0);
+    }
+    getsockname(fd.get(), reinterpret_cast<sockaddr*>(&addr), &length);
+    return {std::move(fd), ntohs(addr.sin_port)};
+}
+
+// The compiled listener running under the file name "rsyslogd"; stopped by closing its stdin.
+class Rsyslogd {
+public:
+    explicit Rsyslogd(const std::string& protocol)
+    {
+        char dir[] = "/tmp/orvex-option-XXXXXX";
+        dir_ = mkdtemp(dir);
+        std::string path = dir_ + "/rsyslogd";
+        std::filesystem::copy_file(ORVEX_OPTION_LISTENER, path);
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+        handle_.reset(new Poco::ProcessHandle(Poco::Process::launch(path, {protocol}, &in_, &out_, nullptr)));
+        Poco::PipeInputStream stream(out_);
+        stream >> port;
+    }
+    ~Rsyslogd()
+    {
+        in_.close();
+        handle_->wait();
+        std::filesystem::remove_all(dir_);
+    }
+    int port = 0;
+
+private:
+    std::string dir_;
+    Poco::Pipe in_, out_;
+    std::unique_ptr<Poco::ProcessHandle> handle_;
+};
+
+std::string outcome(const std::string& args)
+{
+    JsonRef json = JsonRef::adopt(json_loads(args.c_str(), 0, nullptr));
+    try {
+        SyslogServerOption option(json.get());
+        return "";
+    } catch (const OptionException& e) {
+        EXPECT_EQ(e.code(), 400);
+        return e.message();
+    }
+}
+
+std::string ports(int tcp, int udp)
+{
+    return "{\"tcp_port\":" + std::to_string(tcp) + ",\"udp_port\":" + std::to_string(udp) + "}";
+}
+
+class PortProbe : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (std::getenv("ORVEX_ISOLATED"))
+            return;
+        // Under ctest (which sets ORVEX_BUILD_DIR) a missing isolation is a registration fault.
+        if (std::getenv("ORVEX_BUILD_DIR"))
+            FAIL() << "ctest ran this without tests/isolate.sh";
+        GTEST_SKIP() << "needs tests/isolate.sh (ctest runs it so)";
+    }
+};
+
+}  // namespace
+
+TEST_F(PortProbe, AcceptsFreePorts)
+{
+    int tcp = holdPort(SOCK_STREAM).port;  // released again at once
+    int udp = holdPort(SOCK_DGRAM).port;
+    JsonRef args = JsonRef::adopt(json_loads(ports(tcp, udp).c_str(), 0, nullptr));
+    SyslogServerOption option(args.get());
+    EXPECT_EQ(option.tcp_port, tcp);
+    EXPECT_EQ(option.udp_port, udp);
+}
+
+TEST_F(PortProbe, AcceptsPortsHeldByRsyslogd)
+{
+    Rsyslogd tcp("tcp"), udp("udp");
+    ASSERT_GT(tcp.port, 0);
+    ASSERT_GT(udp.port, 0);
+    EXPECT_EQ(outcome(ports(tcp.port, udp.port)), "");
+}
+
+TEST_F(PortProbe, RefusesPortsHeldByAnyOtherProgramPerProtocol)
+{
+    HeldPort tcp = holdPort(SOCK_STREAM);
+    HeldPort udp = holdPort(SOCK_DGRAM);
+    HeldPort free = holdPort(SOCK_DGRAM);
+    free.fd.reset();
+    EXPECT_EQ(outcome(ports(tcp.port, free.port)), "tcp_port occupied");
+    EXPECT_EQ(outcome(ports(free.port, udp.port)), "udp_port occupied");
+    // Each probe looks at its own protocol only: a UDP socket leaves the TCP port free.
+    EXPECT_EQ(outcome(ports(udp.port, tcp.port)), "");
+}
+
+TEST_F(PortProbe, ProbesOnlyGivenPortsAfterTheirRangeTcpFirst)
+{
+    HeldPort tcp = holdPort(SOCK_STREAM, 1514);
+    HeldPort udp = holdPort(SOCK_DGRAM, 1514);
+    EXPECT_EQ(outcome("{}"), "");  // the defaults are not probed
+    EXPECT_EQ(outcome(R"({"tcp_port":"1514"})"), "tcp_port occupied");
+    EXPECT_EQ(outcome(R"({"udp_port":"1514abc"})"), "udp_port occupied");
+    EXPECT_EQ(outcome(R"({"tcp_port":1514,"udp_port":0})"), "tcp_port occupied");
+    EXPECT_EQ(outcome(R"({"tcp_port":0,"udp_port":1514})"), "tcp_port incorrect");
+    EXPECT_EQ(outcome(R"({"enable":true,"tcp_port":1514})"), "syslog cannot enable while both tcp/udp disabled");
+}

@@ -1,0 +1,7 @@
+# The service framework's tests. Service is a process-wide singleton, so each group that
+# registers endpoints has its own binary.
+foreach(group ticktock reply dispatch worker)
+  orvex_add_gtest(service_${group}_test
+    SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/unit/service_${group}_test.cpp
+    LIBS orvex::service)
+endforeach()

@@ -1,0 +1,150 @@
+// The keep-alive tick: a live session survives it, a dead or idle one ends the process with
+// status 1 after signing out (run in a forked child). And the tick on its timer thread
+// beside a handler thread (the ThreadSanitizer build proves the sharing race-free).
+#include "tests/unit/session_support.h"
+
+#include <Poco/Timer.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace Orvex;
+using Orvex::Harness::Devsim;
+using Orvex::Harness::Logged;
+
+namespace {
+
+struct Family {
+    const char* name;
+    bool tls;
+    const char* aliveTarget;  // prefix of the keep-alive request's target
+    const char* signoutTarget;
+};
+
+const Family kFamilies[] = {
+    {"legacy", false, "/cgi-bin/authLogin.cgi", "/cgi-bin/authLogout.cgi"},
+    {"token", true, "/zem/oauth/tokeninfo?access_token=", "/zem/oauth/logout?access_token="},
+};
+
+bool startsWith(const std::string& text, const std::string& prefix)
+{
+    return text.rfind(prefix, 0) == 0;
+}
+
+int tickInChild()
+{
+    return Harness::inChild([] {
+        Poco::Timer timer;
+        Session::getInstance().alive(timer);
+    });
+}
+
+// The simulator counts a credential's life in whole seconds; two are past any rounding.
+void waitUntilExpired()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+}
+
+}  // namespace
+
+TEST(SessionKeepAlive, LiveSessionSurvivesTheTickForEachFamily)
+{
+    for (const Family& f : kFamilies) {
+        Devsim device(f.name, f.tls);
+        Harness::signin(device);
+        size_t before = device.requests().size();
+        int status = tickInChild();
+        ASSERT_TRUE(WIFEXITED(status)) << f.name;
+        EXPECT_EQ(WEXITSTATUS(status), 0) << f.name;
+        std::vector<Logged> log = device.requestsFrom(before);
+        ASSERT_EQ(log.size(), 1u) << f.name;
+        EXPECT_TRUE(startsWith(log[0].target, f.aliveTarget)) << log[0].target;
+        if (std::string(f.name) == "legacy") {
+            EXPECT_EQ(log[0].method, "POST");
+            EXPECT_TRUE(startsWith(log[0].body, "sid=")) << log[0].body;
+        }
+    }
+}
+
+TEST(SessionKeepAlive, DeadSessionSignsOutAndExitsWithOne)
+{
+    for (const Family& f : kFamilies) {
+        Devsim device(f.name, f.tls, {"--expire-after", "1"});
+        Harness::signin(device);
+        waitUntilExpired();
+        size_t before = device.requests().size();
+        int status = tickInChild();
+        ASSERT_TRUE(WIFEXITED(status)) << f.name;
+        EXPECT_EQ(WEXITSTATUS(status), 1) << f.name;
+        std::vector<Logged> log = device.requestsFrom(before);
+        ASSERT_EQ(log.size(), 2u) << f.name;
+        EXPECT_TRUE(startsWith(log[0].target, f.aliveTarget)) << log[0].target;
+        EXPECT_TRUE(startsWith(log[1].target, f.signoutTarget)) << log[1].target;
+    }
+}
+
+TEST(SessionKeepAlive, IdleSessionEndsWithoutAskingTheDevice)
+{
+    Devsim device("token", false);
+    Harness::signin(device);
+    Session::getInstance().setLastAccess(time(nullptr) - 601);
+    size_t before = device.requests().size();
+    int status = tickInChild();
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    std::vector<Logged> log = device.requestsFrom(before);
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_TRUE(startsWith(log[0].target, "/zem/oauth/logout?")) << log[0].target;
+
+    // Exactly the limit is not over it.
+    Session::getInstance().setLastAccess(time(nullptr) - 599);
+    status = tickInChild();
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(SessionKeepAlive, NeverSignedInEndsOnTheFirstTick)
+{
+    Session::getInstance().reset();
+    int status = tickInChild();
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+TEST(SessionKeepAlive, UnreachableDeviceStillEndsTheProcess)
+{
+    Devsim device("legacy", false);
+    Harness::signin(device);
+    device.stop();
+    int status = tickInChild();
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+// The tick runs on the timer's thread while a handler thread works on the same session.
+TEST(SessionThreads, TimerTickAndOperationsShareTheSession)
+{
+    Devsim device("token", true);
+    Harness::signin(device);
+    Session& session = Session::getInstance();
+    std::atomic<int> handled{0};
+    Poco::Timer timer(0, 5);
+    timer.start(Poco::TimerCallback<Session>(session, &Session::alive));
+    std::thread handler([&] {
+        for (int i = 0; i < 40; ++i) {
+            json_t* out = json_object();
+            JsonRef owner = JsonRef::adopt(out);
+            Session::getInstance().getRsyslogConfig(out);
+            Session::getInstance().getSystemInfo(out);
+            handled += json_object_size(out) > 0 ? 1 : 0;
+        }
+    });
+    handler.join();
+    timer.stop();
+    EXPECT_EQ(handled.load(), 40);
+    size_t ticks = 0;
+    for (const Logged& r : device.requests())
+        ticks += startsWith(r.target, "/zem/oauth/tokeninfo") ? 1 : 0;
+    EXPECT_GT(ticks, 0u);
+}

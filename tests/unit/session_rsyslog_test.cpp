@@ -1,0 +1,236 @@
+// The ten remote-syslog operations against the device simulator: method, target, body,
+// content type and credentials on the wire, and the device's answer as the reply.
+#include "tests/unit/session_support.h"
+
+#include <functional>
+
+using namespace Orvex;
+using Orvex::Harness::Devsim;
+using Orvex::Harness::Logged;
+
+namespace {
+
+using Operation = std::function<void(Session&, json_t*&)>;
+
+struct Step {
+    const char* name;
+    Operation run;
+    const char* method;
+    std::string target;  // "{sid}" stands for the session id
+    std::string body;
+    bool json;           // content type application/json expected
+};
+
+JsonRef args(const char* text)
+{
+    return Harness::parseJson(text);
+}
+
+const char* kClient = R"({"address":"127.0.0.1","mode":3,"port":5514,"bsd":false,"event":true,"access":false,"enable":true})";
+const char* kClientChanged = R"({"address":"127.0.0.1","mode":1,"port":5515,"bsd":true,"event":false,"access":true,"enable":false})";
+
+Operation withClient(const std::string& text, bool idRequired, void (Session::*op)(json_t*&, SyslogClientOption&))
+{
+    return [=](Session& s, json_t*& json) {
+        JsonRef a = args(text.c_str());
+        SyslogClientOption option(a.get(), idRequired);
+        (s.*op)(json, option);
+    };
+}
+
+Operation withIds(void (Session::*op)(json_t*&, IdOption&))
+{
+    return [=](Session& s, json_t*& json) {
+        JsonRef a = args(R"({"id":[1,9]})");
+        IdOption option(a.get(), true);
+        (s.*op)(json, option);
+    };
+}
+
+Operation serverOff()
+{
+    return [](Session& s, json_t*& json) {
+        JsonRef a = args(R"({"enable":false,"tcp_enable":true,"udp_enable":true})");
+        SyslogServerOption option(a.get());
+        s.setRsyslogServerConfig(json, option);
+    };
+}
+
+Operation manager()
+{
+    return [](Session& s, json_t*& json) {
+        JsonRef a = args(R"({"bsd":true,"orvex":false})");
+        SyslogClientManagerOption option(a.get());
+        s.setRsyslogClientConfig(json, option);
+    };
+}
+
+// In the order a caller would use them: add, change, list, switch, test, settings, delete.
+std::vector<Step> allSteps()
+{
+    std::string client = "/orvex/v1/rsyslog/client";
+    return {
+        {"add", withClient(kClient, false, &Session::addRsyslogClient), "POST", client + "?sid={sid}", kClient, true},
+        {"set", withClient(std::string(kClientChanged).insert(1, "\"id\":1,"), true, &Session::setRsyslogClient),
+         "PUT", client + "/1", kClientChanged, true},
+        {"list", [](Session& s, json_t*& j) { s.getRsyslogClient(j); }, "GET", client, "{}", true},
+        {"disable", withIds(&Session::setRsyslogClientDisable), "PUT", client + "/1/disable", "", false},
+        {"enable", withIds(&Session::setRsyslogClientEnable), "PUT", client + "/1/enable", "", false},
+        {"test", withClient(kClient, false, &Session::addRsyslogClientTest), "POST", client + "/test",
+         R"({"mode":3,"address":"127.0.0.1","port":5514,"bsd":false})", true},
+        {"manager", manager(), "PUT", client + "/config", R"({"bsd":true,"orvex":false})", true},
+        {"server", serverOff(), "PUT", "/orvex/v1/rsyslog/server/config?sid={sid}", "", true},
+        {"config", [](Session& s, json_t*& j) { s.getRsyslogConfig(j); }, "GET", "/orvex/v1/rsyslog/config", "", false},
+        {"delete", withIds(&Session::delRsyslogClient), "DELETE", client + "/1", "", false},
+    };
+}
+
+std::string replaceSid(std::string text, const std::string& sid)
+{
+    size_t at = text.find("{sid}");
+    return at == std::string::npos ? text : text.replace(at, 5, sid);
+}
+
+// The session id as the device saw it in the sign-in's identity queries.
+std::string sidOf(const Devsim& device)
+{
+    for (const Logged& r : device.requests()) {
+        size_t at = r.target.find("?sid=");
+        if (at != std::string::npos)
+            return r.target.substr(at + 5, r.target.find('&', at) - at - 5);
+    }
+    return "";
+}
+
+struct Variant {
+    const char* family;
+    bool tls;
+};
+
+class SessionRsyslog : public ::testing::TestWithParam<Variant> {};
+
+void expectOnWire(const Logged& r, const Step& step, const std::string& sid, const Variant& v)
+{
+    EXPECT_EQ(r.method, step.method);
+    EXPECT_EQ(r.target, replaceSid(step.target, sid));
+    EXPECT_EQ(r.body, step.body);
+    EXPECT_EQ(r.header("Content-Length"), std::to_string(step.body.size()));
+    EXPECT_EQ(r.hasHeader("Content-Type"), step.json);
+    if (step.json) {
+        EXPECT_EQ(r.header("Content-Type"), "application/json");
+    }
+    if (std::string(v.family) == "legacy") {
+        EXPECT_EQ(r.header("Cookie"), "NAS_SID=" + sid + "; " + (v.tls ? "NVX_SSL_SSID=" : "NVX_SSID=") + sid);
+    } else {
+        EXPECT_EQ(r.header("Authorization"), "Bearer " + sid);
+    }
+}
+
+json_t* member(json_t* object, const char* path1, const char* path2 = nullptr)
+{
+    json_t* value = json_object_get(object, path1);
+    return path2 ? json_object_get(value, path2) : value;
+}
+
+}  // namespace
+
+TEST_P(SessionRsyslog, EveryOperationOnTheWireWithTheDeviceAnswerAsReply)
+{
+    const Variant v = GetParam();
+    Devsim device(v.family, v.tls);
+    Harness::signin(device);
+    std::string sid = sidOf(device);
+    ASSERT_FALSE(sid.empty());
+    Session& session = Session::getInstance();
+    for (const Step& step : allSteps()) {
+        SCOPED_TRACE(step.name);
+        size_t before = device.requests().size();
+        json_t* json = json_object();
+        JsonRef owner = JsonRef::adopt(json);
+        step.run(session, json);
+        std::vector<Logged> log = device.requestsFrom(before);
+        ASSERT_EQ(log.size(), 1u);
+        expectOnWire(log[0], step, sid, v);
+        EXPECT_TRUE(json_is_true(member(json, "success"))) << Harness::dump(json);
+        if (std::string(step.name) == "list") {
+            json_t* first = json_array_get(member(json, "clients"), 0);
+            EXPECT_EQ(json_integer_value(json_object_get(first, "port")), 5515);
+        }
+        if (std::string(step.name) == "config") {
+            EXPECT_TRUE(json_is_true(member(json, "client", "bsd"))) << Harness::dump(json);
+            EXPECT_TRUE(json_is_false(member(json, "server", "enable"))) << Harness::dump(json);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, SessionRsyslog,
+                         ::testing::Values(Variant{"legacy", false}, Variant{"legacy", true}, Variant{"token", false},
+                                           Variant{"token", true}),
+                         [](const ::testing::TestParamInfo<Variant>& info) {
+                             return std::string(info.param.family) + (info.param.tls ? "Https" : "Http");
+                         });
+
+TEST(SessionRsyslogState, EveryOperationRefusesBeforeSigninAndSendsNothing)
+{
+    Devsim device("token", false);
+    Session& session = Session::getInstance();
+    session.reset();
+    for (const Step& step : allSteps()) {
+        json_t* json = json_object();
+        JsonRef owner = JsonRef::adopt(json);
+        try {
+            step.run(session, json);
+            ADD_FAILURE() << step.name << " ran without a session";
+        } catch (const SessionException& e) {
+            EXPECT_EQ(e.message(), "not signin") << step.name;
+            EXPECT_EQ(e.code(), 403) << step.name;
+        }
+    }
+    EXPECT_TRUE(device.requests().empty());
+}
+
+TEST(SessionRsyslogState, ReplyReplacesWhateverTheObjectHeld)
+{
+    Devsim device("legacy", false);
+    Harness::signin(device);
+    JsonRef json = args(R"({"stale":1})");
+    json_t* raw = json.get();
+    Session::getInstance().getRsyslogConfig(raw);
+    EXPECT_EQ(json_object_get(raw, "stale"), nullptr);
+    EXPECT_NE(json_object_get(raw, "server"), nullptr);
+}
+
+TEST(SessionRsyslogState, NonObjectAnswersLeaveAnEmptyReply)
+{
+    struct Case {
+        const char* family;
+        const char* knob;
+    } cases[] = {{"token", "--json-array"}, {"legacy", "--json-array"}, {"token", "--garbage"}, {"legacy", "--garbage"}};
+    for (const Case& c : cases) {
+        Devsim device(c.family, false, {c.knob, "/orvex/v1/rsyslog"});
+        Harness::signin(device);
+        JsonRef json = args(R"({"stale":1})");
+        json_t* raw = json.get();
+        Session::getInstance().getRsyslogConfig(raw);
+        EXPECT_EQ(json_object_size(raw), 0u) << c.family << " " << c.knob << ": " << Harness::dump(raw);
+    }
+}
+
+// The server switch has no key of its own in the body's pack format: switching the server
+// on faults inside the packing, before anything is sent.
+TEST(SessionRsyslogState, EnabledServerConfigFaultsBeforeSending)
+{
+    Devsim device("token", false);
+    Harness::signin(device);
+    size_t before = device.requests().size();
+    int status = Harness::inChild(
+        [] {
+            JsonRef a = args(R"({"enable":true,"tcp_enable":true,"udp_enable":false})");
+            SyslogServerOption option(a.get());
+            json_t* json = json_object();
+            Session::getInstance().setRsyslogServerConfig(json, option);
+        },
+        true);
+    EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(device.requestsFrom(before).empty());
+}

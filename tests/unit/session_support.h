@@ -1,0 +1,116 @@
+// Test support for the session tests: the simulator (session_devsim.h), the option records
+// the tests need, children for the exits, and a capture of the root logger's messages.
+#pragma once
+
+#include "common/raii.h"
+#include "option/option.h"
+#include "session/session.h"
+#include "tests/unit/session_devsim.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace Orvex::Harness {
+
+inline JsonRef parseJson(const std::string& text)
+{
+    JsonRef value = JsonRef::adopt(json_loads(text.c_str(), 0, nullptr));
+    if (!value)
+        throw std::runtime_error("test JSON does not parse: " + text);
+    return value;
+}
+
+inline std::string dump(json_t* value)
+{
+    char* text = json_dumps(value, JSON_COMPACT | JSON_SORT_KEYS);
+    std::string out = text ? text : "";
+    free(text);
+    return out;
+}
+
+inline SigninOption signinOption(const Devsim& device, const std::string& user = "admin",
+                                 const std::string& pass = "secret")
+{
+    JsonRef args = JsonRef::adopt(json_pack("{sssisssssb}", "ip", "127.0.0.1", "port", device.port(), "user",
+                                            user.c_str(), "pass", pass.c_str(), "secure", device.tls()));
+    return SigninOption(args.get());
+}
+
+// Signs the singleton in (from a clean state) and returns the reply object.
+inline JsonRef signin(const Devsim& device, const std::string& user = "admin", const std::string& pass = "secret")
+{
+    Session& session = Session::getInstance();
+    session.reset();
+    SigninOption option = signinOption(device, user, pass);
+    json_t* out = json_object();
+    JsonRef owner = JsonRef::adopt(out);
+    session.signin(out, option);
+    return owner;
+}
+
+// Runs body in a forked child and returns its wait status (the child's output is dropped
+// when quiet is set).
+template <typename Body>
+int inChild(Body body, bool quiet = false)
+{
+    fflush(nullptr);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        if (quiet) {
+            FILE* sink = std::fopen("/dev/null", "w");
+            if (sink)
+                ::dup2(fileno(sink), 2);
+        }
+        body();
+        ::_exit(0);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return status;
+}
+
+// Collects what reaches the root logger (and raises its level so trace lines come too).
+class LogCapture : public Poco::Channel {
+public:
+    void log(const Poco::Message& message) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back(message.getText());
+    }
+    std::vector<std::string> lines() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+inline Poco::AutoPtr<LogCapture> captureLog()
+{
+    Poco::AutoPtr<LogCapture> capture(new LogCapture);
+    Poco::Logger::root().setChannel(capture);
+    Poco::Logger::root().setLevel(Poco::Message::PRIO_TRACE);
+    return capture;
+}
+
+}  // namespace Orvex::Harness

@@ -1,0 +1,215 @@
+// zs_call's failures, addresses on disk and in the abstract namespace, channels as
+// plain buffers, and NULL everywhere.
+#include "tests/unit/zservice_support.h"
+
+#include "zservice/channel.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+using namespace Orvex::Test;
+
+namespace {
+
+// A listening socket that nobody serves, or that a thread serves badly.
+struct RawListener {
+    std::string address = uniqueAddress("raw");
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+
+    RawListener()
+    {
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        memcpy(sa.sun_path + 1, address.data() + 1, address.size() - 1);
+        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address.size());
+        EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&sa), length));
+        EXPECT_EQ(0, listen(fd, 8));
+    }
+    ~RawListener() { close(fd); }
+
+    // Accepts one caller, reads what it sent, answers `reply` and closes.
+    std::thread answerOnce(std::string reply)
+    {
+        return std::thread([this, reply] {
+            const int conn = accept(fd, nullptr, nullptr);
+            char buffer[256];
+            EXPECT_GT(recv(conn, buffer, sizeof(buffer), 0), 0);
+            if (!reply.empty())
+                send(conn, reply.data(), reply.size(), MSG_NOSIGNAL);
+            close(conn);
+        });
+    }
+};
+
+int callErrno(const std::string& address, zs_io* io, int timeout = 5)
+{
+    errno = 0;
+    EXPECT_EQ(-1, zs_call(address.c_str(), "m", io, timeout, -1));
+    return errno;
+}
+
+}  // namespace
+
+TEST(ZserviceCall, NobodyListeningIsReportedAsRefusedOrMissing)
+{
+    EXPECT_EQ(ECONNREFUSED, callErrno(uniqueAddress("nobody"), nullptr));
+    EXPECT_EQ(ENOENT, callErrno("/nonexistent-dir/orvex-bus.sock", nullptr));
+}
+
+TEST(ZserviceCall, SilentServerTimesOutWithinTheWholeExchangeLimit)
+{
+    RawListener listener;  // never accepts: the call sits in the backlog
+    Orvex::ZsIoPtr io = Orvex::makeZsIo();
+    zs_io_printf(io.get(), "keep");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ETIMEDOUT, callErrno(listener.address, io.get(), 1));
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    EXPECT_GE(ms.count(), 900);
+    EXPECT_LT(ms.count(), 3000);
+    EXPECT_STREQ("keep", zs_io_read(io.get(), 0));
+}
+
+TEST(ZserviceCall, ClosedWithoutReplyOrMalformedReplyIsAProtocolError)
+{
+    const std::string header("ZS\x01R\0\0\0\0\x02\0\0\0", 12);
+    const std::pair<const char*, std::string> cases[] = {
+        {"no reply", ""},
+        {"short body", header + "x"},
+        {"call kind", std::string("ZS\x01" "C\0\0\0\0\0\0\0\0", 12)},
+        {"name in reply", std::string("ZS\x01R\x01\0\0\0\0\0\0\0m", 13)},
+        {"bad magic", std::string("ZZ\x01R\0\0\0\0\0\0\0\0", 12)},
+    };
+    for (const auto& [what, reply] : cases) {
+        RawListener listener;
+        std::thread server = listener.answerOnce(reply);
+        Orvex::ZsIoPtr io = Orvex::makeZsIo();
+        zs_io_printf(io.get(), "keep");
+        EXPECT_EQ(EPROTO, callErrno(listener.address, io.get())) << what;
+        EXPECT_STREQ("keep", zs_io_read(io.get(), 0)) << what;
+        server.join();
+    }
+    RawListener listener;
+    std::thread server = listener.answerOnce(header + "ok");
+    Orvex::ZsIoPtr io = Orvex::makeZsIo();
+    EXPECT_EQ(0, zs_call(listener.address.c_str(), "m", io.get(), 5, -1));
+    EXPECT_STREQ("ok", zs_io_read(io.get(), 0));
+    server.join();
+}
+
+TEST(ZserviceCall, RefusesBadArgumentsBeforeConnecting)
+{
+    TestService service;
+    Orvex::ZsIoPtr io = Orvex::makeZsIo();
+    ASSERT_EQ(0, zs_io_realloc(io.get(), ZS_MAX_BODY + 1));
+    EXPECT_EQ(EMSGSIZE, callErrno(service.address(), io.get()));
+
+    const std::string tooLong = "@" + std::string(sizeof(sockaddr_un::sun_path), 'a');
+    EXPECT_EQ(ENAMETOOLONG, callErrno(tooLong, nullptr));
+    EXPECT_EQ(nullptr, zs_create(tooLong.c_str(), 4, 1, TestService::echo));
+    const std::string longest = "@" + std::string(sizeof(sockaddr_un::sun_path) - 1, 'a');
+    zs* bus = zs_create(longest.c_str(), 4, 1, TestService::echo);
+    EXPECT_NE(nullptr, bus);
+    zs_free(bus);
+
+    EXPECT_EQ(-1, zs_call(service.address().c_str(), std::string(256, 'm').c_str(), nullptr, 5, -1));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(-1, zs_call(service.address().c_str(), "", nullptr, 5, -1));
+    EXPECT_EQ(0, service.calls());
+    // The reply is discarded when no channel is given.
+    EXPECT_EQ(0, zs_call(service.address().c_str(), "m", nullptr, 5, -1));
+}
+
+TEST(ZserviceAddress, TakenAddressIsRefusedAndSocketFilesAreReplacedAndRemoved)
+{
+    TestService live;
+    EXPECT_EQ(nullptr, zs_create(live.address().c_str(), 4, 1, TestService::echo));
+
+    char dir[] = "/tmp/orvex-bus-test-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    const std::string path = std::string(dir) + "/bus.sock";
+    {
+        // A crashed server's leftover socket file.
+        const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        strcpy(sa.sun_path, path.c_str());
+        ASSERT_EQ(0, bind(stale, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)));
+        close(stale);
+    }
+    {
+        TestService onDisk({}, 4, 1, path);
+        ASSERT_NE(nullptr, onDisk.bus());
+        EXPECT_EQ(nullptr, zs_create(path.c_str(), 4, 1, TestService::echo));
+        Orvex::ZsIoPtr io = Orvex::makeZsIo();
+        ASSERT_EQ(0, zs_call(path.c_str(), "disk", io.get(), 5, -1));
+        EXPECT_STREQ("echo:disk:", zs_io_read(io.get(), 0));
+    }
+    struct stat st{};
+    EXPECT_NE(0, lstat(path.c_str(), &st));
+    rmdir(dir);
+}
+
+TEST(ZserviceChannel, BufferKeepsItsContentZeroTerminated)
+{
+    Orvex::ZsIoPtr holder = Orvex::makeZsIo();
+    zs_io* io = holder.get();
+    EXPECT_STREQ("", zs_io_read(io, 0));
+    EXPECT_EQ(5, zs_io_write(io, "hello", 5));
+    EXPECT_EQ(5, zs_io_printf(io, " %s%03d", "n", 7));
+    EXPECT_EQ(10u, zs_io_size(io));
+    EXPECT_STREQ("hello n007", zs_io_read(io, 0));
+    EXPECT_STREQ("n007", zs_io_read(io, 6));
+    EXPECT_STREQ("", zs_io_read(io, 10));
+    EXPECT_STREQ("", zs_io_read(io, 1000));
+
+    EXPECT_EQ(0, zs_io_realloc(io, 2));
+    EXPECT_STREQ("he", zs_io_read(io, 0));
+    EXPECT_EQ(0, zs_io_realloc(io, 4));
+    EXPECT_EQ(0, memcmp("he\0\0", zs_io_read(io, 0), 5));
+
+    const std::string large(100000, 'z');
+    EXPECT_EQ(0, zs_io_realloc(io, 0));
+    for (int i = 0; i < 10; ++i)
+        zs_io_write(io, large.data(), large.size());
+    EXPECT_EQ(1000000u, zs_io_size(io));
+    EXPECT_EQ(0, zs_io_read(io, 0)[1000000]);
+    EXPECT_EQ(0, zs_io_alive(io));
+    EXPECT_EQ(-1, zs_reply(io));
+}
+
+TEST(ZserviceChannel, NullArgumentsFailQuietly)
+{
+    EXPECT_EQ(nullptr, zs_create(nullptr, 4, 1, TestService::echo));
+    EXPECT_EQ(nullptr, zs_create(uniqueAddress("null").c_str(), 4, 1, nullptr));
+    EXPECT_EQ(nullptr, zs_create("", 4, 1, TestService::echo));
+    EXPECT_EQ(nullptr, zs_create("@", 4, 1, TestService::echo));
+    EXPECT_EQ(-1, zs_start(nullptr));
+    zs_stop(nullptr);
+    zs_free(nullptr);
+    EXPECT_EQ(-1, zs_signal(SIGUSR2, nullptr));
+    EXPECT_EQ(-1, zs_signal(0, [](int) {}));
+    EXPECT_EQ(-1, zs_signal(SIGKILL, [](int) {}));
+
+    EXPECT_STREQ("", zs_io_read(nullptr, 0));
+    EXPECT_EQ(0u, zs_io_size(nullptr));
+    EXPECT_EQ(-1, zs_io_realloc(nullptr, 1));
+    EXPECT_EQ(-1, zs_io_write(nullptr, "x", 1));
+    EXPECT_EQ(-1, zs_io_printf(nullptr, "x"));
+    EXPECT_EQ(0, zs_io_alive(nullptr));
+    EXPECT_EQ(-1, zs_reply(nullptr));
+    zs_io_free(nullptr);
+
+    Orvex::ZsIoPtr io = Orvex::makeZsIo();
+    EXPECT_EQ(-1, zs_io_write(io.get(), nullptr, 1));
+    EXPECT_EQ(0, zs_io_write(io.get(), nullptr, 0));
+    EXPECT_EQ(-1, zs_call(nullptr, "m", io.get(), 1, -1));
+    EXPECT_EQ(-1, zs_call(uniqueAddress("null").c_str(), nullptr, io.get(), 1, -1));
+    EXPECT_EQ(0u, zs_io_size(io.get()));
+}

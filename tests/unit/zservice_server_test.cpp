@@ -1,0 +1,379 @@
+// The service side over real sockets: framing limits, many callers at once, the receive
+// time-out, the peer policy, passed descriptors, channels across fork, and signals.
+#include "tests/unit/zservice_support.h"
+
+#include "zservice/channel.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+using namespace Orvex::Test;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long elapsedMs(Clock::time_point since)
+{
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+}
+
+// Calls through the library and returns the reply body ("<errno text>" on failure).
+std::string call(const std::string& address, const char* method, const std::string& body, int fd = -1)
+{
+    Orvex::ZsIoPtr io = Orvex::makeZsIo();
+    zs_io_write(io.get(), body.data(), body.size());
+    if (zs_call(address.c_str(), method, io.get(), 5, fd) != 0)
+        return std::string("<") + strerror(errno) + ">";
+    return std::string(zs_io_read(io.get(), 0), zs_io_size(io.get()));
+}
+
+// Sends one raw message with the given descriptors attached to its first byte.
+void sendWithFds(int sock, const std::string& bytes, const std::vector<int>& fds)
+{
+    std::vector<char> control(CMSG_SPACE(fds.size() * sizeof(int)));
+    iovec iov{const_cast<char*>(bytes.data()), bytes.size()};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control.data();
+    msg.msg_controllen = control.size();
+    cmsghdr* cm = CMSG_FIRSTHDR(&msg);
+    cm->cmsg_level = SOL_SOCKET;
+    cm->cmsg_type = SCM_RIGHTS;
+    cm->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
+    memcpy(CMSG_DATA(cm), fds.data(), fds.size() * sizeof(int));
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), sendmsg(sock, &msg, MSG_NOSIGNAL));
+}
+
+// True once every writer of the pipe is closed (read sees end of file after any data).
+bool pipeWritersGone(int readFd)
+{
+    pollfd p{readFd, POLLIN, 0};
+    char buffer[64];
+    while (poll(&p, 1, 5000) == 1) {
+        if (read(readFd, buffer, sizeof(buffer)) <= 0)
+            return true;
+    }
+    return false;
+}
+
+// Hands a channel from the loop thread to the test thread.
+struct ChannelSlot {
+    std::mutex mutex;
+    std::condition_variable ready;
+    zs_io* io = nullptr;
+
+    void put(zs_io* channel)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        io = channel;
+        ready.notify_all();
+    }
+    zs_io* take()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ready.wait_for(lock, std::chrono::seconds(5), [this] { return io != nullptr; });
+        return std::exchange(io, nullptr);
+    }
+};
+
+}  // namespace
+
+TEST(ZserviceFraming, BadFramesAreClosedWithoutReplyAndNeverReachTheHandler)
+{
+    const int fdsBefore = settledFdCount();
+    {
+        TestService service;
+        const std::string good = callFrame("m", "{}");
+        std::vector<std::pair<const char*, std::string>> bad;
+        bad.emplace_back("magic", "XS" + good.substr(2));
+        bad.emplace_back("version", good.substr(0, 2) + '\x02' + good.substr(3));
+        bad.emplace_back("kind", good.substr(0, 3) + 'R' + good.substr(4));
+        std::string frame = good;
+        putU32(frame, 4, 0);
+        bad.emplace_back("empty name", frame);
+        frame = callFrame(std::string(256, 'n'), "");
+        bad.emplace_back("name of 256", frame);
+        frame = callFrame("m", "");
+        putU32(frame, 8, ZS_MAX_BODY + 1);
+        bad.emplace_back("body over 16 MiB", frame);
+        for (const auto& [what, bytes] : bad) {
+            const int sock = rawConnect(service.address());
+            sendAll(sock, bytes);
+            bool closed = false;
+            EXPECT_EQ("", readUntilClosed(sock, 5000, closed)) << what;
+            EXPECT_TRUE(closed) << what;
+            close(sock);
+        }
+        EXPECT_EQ(0, service.calls());
+        EXPECT_EQ("echo:m:{}", call(service.address(), "m", "{}"));
+    }
+    EXPECT_EQ(fdsBefore, openFdCount());
+}
+
+TEST(ZserviceFraming, LimitsAreInclusiveAndTrailingBytesAreIgnored)
+{
+    TestService service;
+    const std::string longest(ZS_MAX_NAME, 'x');
+    EXPECT_EQ("echo:" + longest + ":", call(service.address(), longest.c_str(), ""));
+
+    const std::string big(ZS_MAX_BODY, 'b');
+    EXPECT_TRUE(big == call(service.address(), "raw", big));
+
+    const int sock = rawConnect(service.address());
+    sendAll(sock, callFrame("m", "body") + "trailing bytes that are not a frame");
+    bool closed = false;
+    const std::string reply = readUntilClosed(sock, 5000, closed);
+    close(sock);
+    EXPECT_TRUE(closed);
+    ASSERT_EQ(12u + 11u, reply.size());
+    EXPECT_EQ(std::string("ZS\x01R\0\0\0\0\x0b\0\0\0", 12), reply.substr(0, 12));
+    EXPECT_EQ("echo:m:body", reply.substr(12));
+    EXPECT_EQ(3, service.calls());
+}
+
+TEST(ZserviceLoop, SlowPartialCallersDoNotDelayAFastOne)
+{
+    TestService service;
+    std::vector<int> slow;
+    const std::string frame = callFrame("slow", std::string(1000, 's'));
+    for (int i = 0; i < 100; ++i) {
+        slow.push_back(rawConnect(service.address()));
+        // Silent, half a header, or the header and half the body.
+        if (i % 3 == 1)
+            sendAll(slow.back(), frame.substr(0, 6));
+        else if (i % 3 == 2)
+            sendAll(slow.back(), frame.substr(0, 500));
+    }
+    const auto start = Clock::now();
+    EXPECT_EQ("echo:fast:{}", call(service.address(), "fast", "{}"));
+    EXPECT_LT(elapsedMs(start), 1000);
+    // Once they finish, the slow ones are served too.
+    for (size_t i = 0; i < slow.size(); ++i) {
+        const size_t sent = i % 3 == 0 ? 0 : i % 3 == 1 ? 6 : 500;
+        sendAll(slow[i], frame.substr(sent));
+        bool closed = false;
+        EXPECT_EQ(12u + 1010u, readUntilClosed(slow[i], 5000, closed).size());
+        close(slow[i]);
+    }
+    EXPECT_EQ(101, service.calls());
+}
+
+TEST(ZserviceLoop, CallersThatDoNotDeliverInTimeAreDisconnected)
+{
+    TestService service({}, 1);
+    const int silent = rawConnect(service.address());
+    const int partial = rawConnect(service.address());
+    sendAll(partial, callFrame("late", "{}").substr(0, 14));
+    const auto start = Clock::now();
+    for (int sock : {silent, partial}) {
+        bool closed = false;
+        EXPECT_EQ("", readUntilClosed(sock, 5000, closed));
+        EXPECT_TRUE(closed);
+        close(sock);
+    }
+    EXPECT_GE(elapsedMs(start), 800);
+    EXPECT_EQ(0, service.calls());
+    EXPECT_EQ("echo:m:", call(service.address(), "m", ""));
+}
+
+TEST(ZserviceLoop, PeerPolicyOneRefusesOtherUsersAndZeroAdmitsThem)
+{
+    for (int policy : {1, 0}) {
+        TestService service({}, 30, policy);
+        const pid_t child = fork();
+        if (child == 0) {
+            if (setuid(65534) != 0)
+                _exit(3);
+            zs_io* io = zs_io_create();
+            const int rc = zs_call(service.address().c_str(), "m", io, 5, -1);
+            _exit(rc == 0 ? 0 : errno == EPROTO ? 1 : 2);
+        }
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(policy == 1 ? 1 : 0, WEXITSTATUS(status)) << "policy " << policy;
+        EXPECT_EQ(policy == 1 ? 0 : 1, service.calls());
+        // Root is always admitted.
+        EXPECT_EQ("echo:m:", call(service.address(), "m", ""));
+    }
+}
+
+TEST(ZserviceDescriptor, HandlerWritesToThePassedDescriptorAndOwnsIt)
+{
+    TestService service([](const char*, zs_io* io, int fd) {
+        EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+        EXPECT_EQ(5, write(fd, "hello", 5));
+        close(fd);
+        zs_reply(io);
+        zs_io_free(io);
+    });
+    int p[2];
+    ASSERT_EQ(0, pipe(p));
+    EXPECT_EQ("", call(service.address(), "m", "", p[1]));
+    close(p[1]);
+    char buffer[8] = {};
+    EXPECT_EQ(5, read(p[0], buffer, sizeof(buffer)));
+    EXPECT_STREQ("hello", buffer);
+    EXPECT_TRUE(pipeWritersGone(p[0]));
+    close(p[0]);
+}
+
+TEST(ZserviceDescriptor, ExtraDescriptorsAreClosedAndTruncatedControlDataIsABadFrame)
+{
+    const int fdsBefore = settledFdCount();
+    int first[2], extra[2];
+    ASSERT_EQ(0, pipe(first));
+    ASSERT_EQ(0, pipe(extra));
+    {
+        TestService service([](const char*, zs_io* io, int fd) {
+            EXPECT_EQ(1, write(fd, "1", 1));
+            close(fd);
+            zs_reply(io);
+            zs_io_free(io);
+        });
+        int sock = rawConnect(service.address());
+        sendWithFds(sock, callFrame("two", ""), {first[1], extra[1]});
+        bool closed = false;
+        EXPECT_EQ(12u, readUntilClosed(sock, 5000, closed).size());
+        close(sock);
+
+        // Far more descriptors than any call may carry: the kernel truncates.
+        sock = rawConnect(service.address());
+        sendWithFds(sock, callFrame("many", ""), std::vector<int>(64, extra[1]));
+        EXPECT_EQ("", readUntilClosed(sock, 5000, closed));
+        EXPECT_TRUE(closed);
+        close(sock);
+        EXPECT_EQ(1, service.calls());
+    }
+    close(first[1]);
+    close(extra[1]);
+    EXPECT_TRUE(pipeWritersGone(first[0]));
+    EXPECT_TRUE(pipeWritersGone(extra[0]));
+    close(first[0]);
+    close(extra[0]);
+    EXPECT_EQ(fdsBefore, openFdCount());
+}
+
+TEST(ZserviceChannel, AliveTurnsFalseOnceTheCallerHangsUpAndNoReplyIsSent)
+{
+    ChannelSlot slot;
+    TestService service([&slot](const char*, zs_io* io, int) { slot.put(io); });
+    const int sock = rawConnect(service.address());
+    sendAll(sock, callFrame("m", ""));
+    zs_io* io = slot.take();
+    ASSERT_NE(nullptr, io);
+    EXPECT_EQ(1, zs_io_alive(io));
+    close(sock);
+    EXPECT_EQ(0, zs_io_alive(io));
+    EXPECT_EQ(-1, zs_reply(io));
+    zs_io_free(io);
+}
+
+TEST(ZserviceChannel, RepliesAtMostOncePerCall)
+{
+    ChannelSlot slot;
+    TestService service([&slot](const char*, zs_io* io, int) { slot.put(io); });
+    const int sock = rawConnect(service.address());
+    sendAll(sock, callFrame("m", ""));
+    zs_io* io = slot.take();
+    ASSERT_NE(nullptr, io);
+    zs_io_printf(io, "%d", 1);
+    EXPECT_EQ(0, zs_reply(io));
+    EXPECT_EQ(-1, zs_reply(io));
+    zs_io_free(io);
+    bool closed = false;
+    EXPECT_EQ(std::string("ZS\x01R\0\0\0\0\x01\0\0\0" "1", 13), readUntilClosed(sock, 5000, closed));
+    EXPECT_TRUE(closed);
+    close(sock);
+}
+
+TEST(ZserviceChannel, AForkedGrandchildCanReplyAfterTheParentFreedItsCopy)
+{
+    TestService service([](const char*, zs_io* io, int fd) {
+        int gate[2];
+        ASSERT_EQ(0, pipe(gate));
+        const pid_t child = fork();
+        if (child == 0) {
+            if (fork() == 0) {
+                close(gate[1]);
+                char c;
+                // Waits until the parent has freed its copy of the channel.
+                while (read(gate[0], &c, 1) > 0) {
+                }
+                zs_io_realloc(io, 0);
+                zs_io_printf(io, "from grandchild");
+                _exit(zs_reply(io) == 0 ? 0 : 1);
+            }
+            _exit(0);
+        }
+        waitpid(child, nullptr, 0);
+        zs_io_free(io);
+        if (fd >= 0)
+            close(fd);
+        close(gate[0]);
+        close(gate[1]);
+    });
+    EXPECT_EQ("from grandchild", call(service.address(), "m", "x"));
+}
+
+namespace {
+
+std::atomic<zs*> signalledBus{nullptr};
+std::atomic<long> callbackThread{0};
+std::atomic<int> callbackSignal{0};
+
+void stopOnSignal(int signo)
+{
+    callbackThread = syscall(SYS_gettid);
+    callbackSignal = signo;
+    zs_stop(signalledBus.load());
+}
+
+}  // namespace
+
+TEST(ZserviceSignal, CallbackRunsOnTheLoopThreadAndStopsTheLoop)
+{
+    ASSERT_EQ(0, zs_signal(SIGUSR1, stopOnSignal));
+    std::atomic<long> loopThread{0};
+    TestService service([&loopThread](const char* method, zs_io* io, int fd) {
+        loopThread = syscall(SYS_gettid);
+        TestService::echo(method, io, fd);
+    });
+    signalledBus = service.bus();
+    // A served call proves the loop is running.
+    EXPECT_EQ("echo:m:", call(service.address(), "m", ""));
+    ASSERT_EQ(0, raise(SIGUSR1));
+    EXPECT_EQ(0, service.stop());
+    EXPECT_EQ(SIGUSR1, callbackSignal.load());
+    EXPECT_EQ(loopThread.load(), callbackThread.load());
+    EXPECT_NE(syscall(SYS_gettid), callbackThread.load());
+}
+
+TEST(ZserviceSignal, SignalBeforeTheLoopStartsIsHandledOnceItRuns)
+{
+    const std::string address = uniqueAddress("early");
+    zs* bus = zs_create(address.c_str(), 4, 1, TestService::echo);
+    ASSERT_NE(nullptr, bus);
+    signalledBus = bus;
+    callbackSignal = 0;
+    ASSERT_EQ(0, zs_signal(SIGTERM, stopOnSignal));
+    ASSERT_EQ(0, raise(SIGTERM));
+    EXPECT_EQ(0, callbackSignal.load());
+    EXPECT_EQ(0, zs_start(bus));
+    EXPECT_EQ(SIGTERM, callbackSignal.load());
+    zs_free(bus);
+    signal(SIGTERM, SIG_DFL);
+}

@@ -1,0 +1,42 @@
+// The command line of orvexctl, parsed without side effects (no environment or stdin
+// reads; those happen when the command runs).
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace Orvex {
+namespace ctl {
+
+// A command line that cannot be run; the message is one line for the user.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+enum class Action { Help, Start, Call, Stop, StopAll };
+enum class PassSource { Default, Literal, Environment, Stdin };
+
+struct Command {
+    Action action = Action::Help;
+    std::string mac;     // trimmed and lower-cased, checked against the MAC pattern
+    std::string method;  // Call
+    std::string json = "{}";  // Call: the argument object as given
+    std::string ip;      // Start
+    int port = 0;        // Start: 1..65535
+    std::string user;    // Start
+    PassSource passSource = PassSource::Default;
+    std::string pass;    // Literal: the password; Environment: the variable's name
+    bool secure = false; // Start
+};
+
+extern const char* const kUsage;
+
+// Throws UsageError for anything that cannot be run.
+Command parseCommandLine(int argc, const char* const* argv);
+
+// Trimmed and lower-cased, as the daemon reads it; UsageError if it is no MAC address.
+std::string normaliseMac(const std::string& text);
+
+}  // namespace ctl
+}  // namespace Orvex

@@ -1,0 +1,465 @@
+// The service side: one epoll loop that accepts callers, collects their call frames
+// side by side (a slow caller only costs its own few bytes of state) and hands each
+// complete call to the handler on the loop thread.
+#include "zservice/internal.h"
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <new>
+#include <vector>
+
+using namespace Orvex::Bus;
+
+namespace {
+
+// epoll tags below kFirstCaller; callers are numbered from there in accept order, so
+// with one time-out for all the map below is also ordered by deadline.
+constexpr uint64_t kListener = 0;
+constexpr uint64_t kStop = 1;
+constexpr uint64_t kSignals = 2;
+constexpr uint64_t kFirstCaller = 16;
+constexpr int64_t kNoDeadline = INT64_MAX;
+constexpr int64_t kAcceptPauseMs = 100;  // after EMFILE: retry instead of spinning
+constexpr size_t kScratchSize = 65536;
+constexpr int kMaxRecvRounds = 16;       // per wake-up, so one fast sender cannot hog the loop
+constexpr size_t kMaxPassedFds = 8;      // control room per recvmsg; more is truncation
+
+// A caller whose call frame is still arriving.
+struct Caller {
+    int fd = -1;
+    int passedFd = -1;
+    int64_t deadline = kNoDeadline;
+    uint8_t head[ZS_HEADER_SIZE] = {};
+    size_t headGot = 0;
+    Header header;
+    std::string name;
+    zs_io* body = nullptr;  // created once the header is known; becomes the call's channel
+
+    Caller() = default;
+    Caller(const Caller&) = delete;
+    Caller& operator=(const Caller&) = delete;
+    ~Caller()
+    {
+        if (fd >= 0)
+            close(fd);
+        if (passedFd >= 0)
+            close(passedFd);
+        zs_io_free(body);
+    }
+};
+
+enum class Step { More, Complete, Drop };
+
+}  // namespace
+
+struct zs {
+    int listenFd = -1;
+    int epollFd = -1;
+    int stopFd = -1;
+    int signalFd = -1;
+    int64_t timeoutMs = 0;
+    int policy = 1;
+    zs_handler handler = nullptr;
+    Address address;
+    pid_t owner = 0;
+    std::map<uint64_t, std::unique_ptr<Caller>> callers;
+    uint64_t nextId = kFirstCaller;
+    int64_t acceptPausedUntil = -1;
+    std::atomic<bool> running{false};
+    std::vector<char> scratch;
+
+    zs() = default;
+    zs(const zs&) = delete;
+    zs& operator=(const zs&) = delete;
+    ~zs()
+    {
+        for (auto& entry : callers)
+            epoll_ctl(epollFd, EPOLL_CTL_DEL, entry.second->fd, nullptr);
+        for (int fd : {listenFd, epollFd, stopFd})
+            if (fd >= 0)
+                close(fd);
+    }
+};
+
+namespace {
+
+// ---- reading a call frame -------------------------------------------------------------
+
+bool frameComplete(const Caller& c)
+{
+    return c.headGot == ZS_HEADER_SIZE && c.name.size() == c.header.nameLength &&
+           zs_io_size(c.body) == c.header.bodyLength;
+}
+
+// Checks the header as soon as it is whole; a bad one ends the connection.
+bool takeHeader(Caller& c, const char*& data, size_t& n)
+{
+    const size_t take = std::min(ZS_HEADER_SIZE - c.headGot, n);
+    memcpy(c.head + c.headGot, data, take);
+    c.headGot += take;
+    data += take;
+    n -= take;
+    if (c.headGot < ZS_HEADER_SIZE)
+        return true;
+    if (!decodeHeader(c.head, c.header) || !validCallHeader(c.header))
+        return false;
+    c.body = zs_io_create();
+    return c.body != nullptr;
+}
+
+// Feeds received bytes into header, name and body; bytes after the frame are ignored.
+Step feed(Caller& c, const char* data, size_t n)
+{
+    while (n > 0 && !frameComplete(c)) {
+        if (c.headGot < ZS_HEADER_SIZE) {
+            if (!takeHeader(c, data, n))
+                return Step::Drop;
+        } else if (c.name.size() < c.header.nameLength) {
+            const size_t take = std::min<size_t>(c.header.nameLength - c.name.size(), n);
+            c.name.append(data, take);
+            data += take;
+            n -= take;
+        } else {
+            const size_t take = std::min<size_t>(c.header.bodyLength - zs_io_size(c.body), n);
+            if (zs_io_write(c.body, data, take) < 0)
+                return Step::Drop;
+            data += take;
+            n -= take;
+        }
+    }
+    return frameComplete(c) ? Step::Complete : Step::More;
+}
+
+// Keeps the first passed descriptor, closes any others; false on truncated control data.
+bool takeDescriptors(Caller& c, msghdr& msg)
+{
+    for (cmsghdr* cm = CMSG_FIRSTHDR(&msg); cm; cm = CMSG_NXTHDR(&msg, cm)) {
+        if (cm->cmsg_level != SOL_SOCKET || cm->cmsg_type != SCM_RIGHTS)
+            continue;
+        const size_t count = (cm->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int fd;
+            memcpy(&fd, CMSG_DATA(cm) + i * sizeof(int), sizeof(int));
+            if (c.passedFd < 0)
+                c.passedFd = fd;
+            else
+                close(fd);
+        }
+    }
+    return (msg.msg_flags & MSG_CTRUNC) == 0;
+}
+
+Step receive(zs* bus, Caller& c)
+{
+    for (int round = 0; round < kMaxRecvRounds; ++round) {
+        iovec iov{bus->scratch.data(), bus->scratch.size()};
+        alignas(cmsghdr) char control[CMSG_SPACE(kMaxPassedFds * sizeof(int))];
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof(control);
+        const ssize_t n = recvmsg(c.fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return (errno == EAGAIN || errno == EWOULDBLOCK) ? Step::More : Step::Drop;
+        if (!takeDescriptors(c, msg) || n == 0)
+            return Step::Drop;
+        const Step step = feed(c, bus->scratch.data(), static_cast<size_t>(n));
+        if (step != Step::More)
+            return step;
+    }
+    return Step::More;
+}
+
+// ---- callers ----------------------------------------------------------------------------
+
+void drop(zs* bus, uint64_t id)
+{
+    auto it = bus->callers.find(id);
+    if (it == bus->callers.end())
+        return;
+    // Unregister before closing: a forked child may still hold the same socket open.
+    epoll_ctl(bus->epollFd, EPOLL_CTL_DEL, it->second->fd, nullptr);
+    bus->callers.erase(it);
+}
+
+// The channel takes the connection, the name and the body; the handler takes it all.
+void handOver(zs* bus, uint64_t id)
+{
+    auto it = bus->callers.find(id);
+    if (it == bus->callers.end())
+        return;
+    Caller& c = *it->second;
+    epoll_ctl(bus->epollFd, EPOLL_CTL_DEL, c.fd, nullptr);
+    zs_io* io = c.body;
+    const int fd = c.passedFd;
+    io->fd = c.fd;
+    io->method = std::move(c.name);
+    c.body = nullptr;
+    c.fd = c.passedFd = -1;
+    bus->callers.erase(it);
+    bus->handler(io->method.c_str(), io, fd);
+}
+
+void serve(zs* bus, uint64_t id)
+{
+    auto it = bus->callers.find(id);
+    if (it == bus->callers.end())
+        return;
+    const Step step = receive(bus, *it->second);
+    if (step == Step::Complete)
+        handOver(bus, id);
+    else if (step == Step::Drop)
+        drop(bus, id);
+}
+
+bool admitted(const zs* bus, int fd)
+{
+    if (bus->policy == 0)
+        return true;
+    ucred cred{};
+    socklen_t length = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0)
+        return false;
+    return cred.uid == 0 || cred.uid == geteuid();
+}
+
+void addCaller(zs* bus, int fd)
+{
+    const uint64_t id = bus->nextId++;
+    auto caller = std::make_unique<Caller>();
+    caller->fd = fd;
+    caller->deadline = bus->timeoutMs > 0 ? nowMs() + bus->timeoutMs : kNoDeadline;
+    epoll_event ev{};
+    ev.events = EPOLLIN | EPOLLRDHUP;
+    ev.data.u64 = id;
+    if (epoll_ctl(bus->epollFd, EPOLL_CTL_ADD, fd, &ev) != 0)
+        return;  // the caller's destructor closes fd
+    bus->callers.emplace(id, std::move(caller));
+    // Callers usually send right after connecting: try now and save a wake-up.
+    serve(bus, id);
+}
+
+void setAccepting(zs* bus, bool on)
+{
+    epoll_event ev{};
+    ev.events = on ? uint32_t(EPOLLIN) : 0u;
+    ev.data.u64 = kListener;
+    epoll_ctl(bus->epollFd, EPOLL_CTL_MOD, bus->listenFd, &ev);
+    bus->acceptPausedUntil = on ? -1 : nowMs() + kAcceptPauseMs;
+}
+
+void acceptCallers(zs* bus)
+{
+    for (int i = 0; i < 64; ++i) {
+        const int fd = accept4(bus->listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+                setAccepting(bus, false);
+            if (errno == EINTR || errno == ECONNABORTED)
+                continue;
+            return;
+        }
+        if (!admitted(bus, fd)) {
+            close(fd);
+            continue;
+        }
+        addCaller(bus, fd);
+    }
+}
+
+// Callers out of time get one last read (the loop may have been busy in a handler
+// while their frame arrived), then go.
+void expireCallers(zs* bus)
+{
+    const int64_t now = nowMs();
+    while (!bus->callers.empty() && bus->callers.begin()->second->deadline <= now) {
+        const uint64_t id = bus->callers.begin()->first;
+        if (receive(bus, *bus->callers.begin()->second) == Step::Complete)
+            handOver(bus, id);
+        else
+            drop(bus, id);
+    }
+    if (bus->acceptPausedUntil >= 0 && bus->acceptPausedUntil <= now)
+        setAccepting(bus, true);
+}
+
+// ---- the loop ---------------------------------------------------------------------------
+
+int nextTimeout(const zs* bus)
+{
+    int64_t deadline = bus->callers.empty() ? kNoDeadline : bus->callers.begin()->second->deadline;
+    if (bus->acceptPausedUntil >= 0)
+        deadline = std::min(deadline, bus->acceptPausedUntil);
+    if (deadline == kNoDeadline)
+        return -1;
+    const int64_t left = deadline - nowMs();
+    return left <= 0 ? 0 : static_cast<int>(std::min<int64_t>(left, 1000000));
+}
+
+// True when a stop was requested.
+bool handleEvent(zs* bus, const epoll_event& ev)
+{
+    switch (ev.data.u64) {
+    case kListener:
+        acceptCallers(bus);
+        return false;
+    case kStop: {
+        uint64_t count;
+        return read(bus->stopFd, &count, sizeof(count)) == sizeof(count);
+    }
+    case kSignals:
+        runPendingSignals(bus->signalFd);
+        return false;
+    default:
+        serve(bus, ev.data.u64);
+        return false;
+    }
+}
+
+int runLoop(zs* bus)
+{
+    epoll_event events[64];
+    for (;;) {
+        const int n = epoll_wait(bus->epollFd, events, 64, nextTimeout(bus));
+        if (n < 0 && errno != EINTR)
+            return -1;
+        bool stop = false;
+        for (int i = 0; i < n; ++i)
+            stop = handleEvent(bus, events[i]) || stop;
+        if (stop)
+            return 0;
+        expireCallers(bus);
+    }
+}
+
+bool watch(int epollFd, int fd, uint64_t tag)
+{
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = tag;
+    return epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &ev) == 0 || errno == EEXIST;
+}
+
+// ---- binding ----------------------------------------------------------------------------
+
+// A socket file nobody listens on any more (a crashed server's leftover).
+bool staleSocketFile(const Address& address)
+{
+    struct stat st{};
+    if (lstat(address.path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode))
+        return false;
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (probe < 0)
+        return false;
+    const bool refused =
+        connect(probe, reinterpret_cast<const sockaddr*>(&address.addr), address.length) != 0 &&
+        errno == ECONNREFUSED;
+    close(probe);
+    return refused;
+}
+
+bool bindAddress(int fd, const Address& address)
+{
+    const auto* sa = reinterpret_cast<const sockaddr*>(&address.addr);
+    if (bind(fd, sa, address.length) == 0)
+        return true;
+    if (errno != EADDRINUSE || address.abstract || !staleSocketFile(address))
+        return false;
+    return unlink(address.path.c_str()) == 0 && bind(fd, sa, address.length) == 0;
+}
+
+bool openService(zs* bus)
+{
+    bus->listenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (bus->listenFd < 0 || !bindAddress(bus->listenFd, bus->address))
+        return false;
+    bus->owner = getpid();
+    if (listen(bus->listenFd, SOMAXCONN) != 0)
+        return false;
+    bus->epollFd = epoll_create1(EPOLL_CLOEXEC);
+    bus->stopFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    return bus->epollFd >= 0 && bus->stopFd >= 0 && watch(bus->epollFd, bus->listenFd, kListener) &&
+           watch(bus->epollFd, bus->stopFd, kStop);
+}
+
+void removeSocketFile(zs* bus)
+{
+    // Only the process that bound it: a forked child freeing its copy must not unlink.
+    if (!bus->address.abstract && bus->owner == getpid())
+        unlink(bus->address.path.c_str());
+}
+
+}  // namespace
+
+zs* zs_create(const char* address, int recv_timeout_s, int peer_policy, zs_handler handler)
+{
+    Address parsed;
+    if (!handler || !parseAddress(address, parsed))
+        return nullptr;
+    // Replies go to sockets and descriptors whose reader may be gone.
+    signal(SIGPIPE, SIG_IGN);
+    try {
+        auto bus = std::make_unique<zs>();
+        bus->address = parsed;
+        bus->timeoutMs = recv_timeout_s > 0 ? int64_t(recv_timeout_s) * 1000 : 0;
+        bus->policy = peer_policy;
+        bus->handler = handler;
+        if (!openService(bus.get())) {
+            if (bus->owner)
+                removeSocketFile(bus.get());
+            return nullptr;
+        }
+        bus->scratch.resize(kScratchSize);
+        return bus.release();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+int zs_start(zs* bus)
+{
+    if (!bus || bus->running.exchange(true))
+        return -1;
+    int result = -1;
+    bus->signalFd = signalPipeForLoop();
+    if (bus->signalFd >= 0 && watch(bus->epollFd, bus->signalFd, kSignals)) {
+        try {
+            result = runLoop(bus);
+        } catch (const std::bad_alloc&) {
+            result = -1;
+        }
+        epoll_ctl(bus->epollFd, EPOLL_CTL_DEL, bus->signalFd, nullptr);
+    }
+    bus->running.store(false);
+    return result;
+}
+
+void zs_stop(zs* bus)
+{
+    if (!bus)
+        return;
+    const uint64_t one = 1;
+    if (write(bus->stopFd, &one, sizeof(one)) < 0) {
+        // Counter saturated: a stop is already pending.
+    }
+}
+
+void zs_free(zs* bus)
+{
+    if (!bus)
+        return;
+    removeSocketFile(bus);
+    delete bus;
+}

@@ -1,0 +1,222 @@
+// zs-call: calls one method on a bus service from the command line.
+// Exit status: 0 a reply arrived, 1 the call failed, 2 usage error.
+#include "zservice/channel.h"
+
+#include <getopt.h>
+#include <jansson.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+const char* const kUsage =
+    "usage: zs-call [-t SECONDS] [--fd] [--pretty] ADDRESS METHOD [JSON|-]\n"
+    "Calls METHOD on the bus service at ADDRESS (\"@name\" for an abstract socket) with the\n"
+    "JSON given, read from standard input for \"-\", or an empty body; prints the reply.\n"
+    "  -t, --timeout SECONDS  bound the whole call (default 30; 0 waits without limit)\n"
+    "      --fd               hand standard output to the service as the reply descriptor\n"
+    "      --pretty           pretty-print a JSON reply (the default on a terminal)\n"
+    "  -h, --help             show this text\n"
+    "Exit status: 0 a reply arrived, 1 the call failed, 2 usage error.\n";
+
+constexpr int kOk = 0;
+constexpr int kCallFailed = 1;
+constexpr int kUsageError = 2;
+
+struct Arguments {
+    int timeout = 30;
+    bool passStdout = false;
+    bool pretty = false;
+    const char* address = nullptr;
+    const char* method = nullptr;
+    const char* body = nullptr;  // nullptr: none; "-": standard input
+};
+
+int usageError(const char* message)
+{
+    if (message)
+        fprintf(stderr, "zs-call: %s\n", message);
+    fputs(kUsage, stderr);
+    return kUsageError;
+}
+
+bool parseTimeout(const char* text, int& out)
+{
+    char* end = nullptr;
+    errno = 0;
+    const long value = strtol(text, &end, 10);
+    if (errno || end == text || *end || value < 0 || value > INT_MAX / 1000)
+        return false;
+    out = static_cast<int>(value);
+    return true;
+}
+
+// -1 when parsing ends the program with `exitCode`.
+int parseArguments(int argc, char** argv, Arguments& args, int& exitCode)
+{
+    static const option options[] = {{"timeout", required_argument, nullptr, 't'},
+                                     {"fd", no_argument, nullptr, 'f'},
+                                     {"pretty", no_argument, nullptr, 'p'},
+                                     {"help", no_argument, nullptr, 'h'},
+                                     {nullptr, 0, nullptr, 0}};
+    int c;
+    while ((c = getopt_long(argc, argv, "+t:h", options, nullptr)) != -1) {
+        if (c == 't' && !parseTimeout(optarg, args.timeout))
+            return exitCode = usageError("the time-out must be a whole number of seconds"), -1;
+        if (c == 'f')
+            args.passStdout = true;
+        else if (c == 'p')
+            args.pretty = true;
+        else if (c == 'h')
+            return fputs(kUsage, stdout), exitCode = kOk, -1;
+        else if (c == '?')
+            return exitCode = usageError(nullptr), -1;
+    }
+    const int rest = argc - optind;
+    if (rest < 2 || rest > 3)
+        return exitCode = usageError(rest < 2 ? "ADDRESS and METHOD are required" : "too many arguments"), -1;
+    args.address = argv[optind];
+    args.method = argv[optind + 1];
+    args.body = rest == 3 ? argv[optind + 2] : nullptr;
+    if (!*args.method || strlen(args.method) > ZS_MAX_NAME)
+        return exitCode = usageError("METHOD must be 1 to 255 bytes long"), -1;
+    return 0;
+}
+
+bool readStdin(std::string& out)
+{
+    if (isatty(STDIN_FILENO))
+        fputs("zs-call: waiting for JSON on standard input (end it with Ctrl-D)\n", stderr);
+    char chunk[65536];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof(chunk), stdin)) > 0)
+        out.append(chunk, n);
+    return !ferror(stdin);
+}
+
+bool blank(const std::string& text)
+{
+    return text.find_first_not_of(" \t\r\n") == std::string::npos;
+}
+
+// The position only: jansson's error text quotes the input, which may hold a password.
+bool validJson(const std::string& text, const char* where, int& exitCode)
+{
+    json_error_t error;
+    json_t* value = json_loadb(text.data(), text.size(), JSON_DECODE_ANY, &error);
+    if (value) {
+        json_decref(value);
+        return true;
+    }
+    char message[160];
+    snprintf(message, sizeof(message), "%s is not valid JSON (line %d, column %d)", where, error.line,
+             error.column);
+    exitCode = usageError(message);
+    return false;
+}
+
+// -1 when the body is unusable and the program ends with `exitCode`.
+int loadBody(const Arguments& args, zs_io* io, int& exitCode)
+{
+    std::string text;
+    const bool fromStdin = args.body && strcmp(args.body, "-") == 0;
+    if (fromStdin && !readStdin(text)) {
+        fprintf(stderr, "zs-call: cannot read standard input: %s\n", strerror(errno));
+        return exitCode = kCallFailed, -1;
+    }
+    if (!fromStdin && args.body)
+        text = args.body;
+    if (blank(text))
+        return 0;
+    if (!validJson(text, fromStdin ? "standard input" : "the body", exitCode))
+        return -1;
+    if (zs_io_write(io, text.data(), text.size()) < 0) {
+        fputs("zs-call: out of memory\n", stderr);
+        return exitCode = kCallFailed, -1;
+    }
+    return 0;
+}
+
+void reportFailure(const Arguments& args, int error)
+{
+    const char* address = args.address;
+    switch (error) {
+    case ECONNREFUSED:
+    case ENOENT:
+        fprintf(stderr, "zs-call: no service listening at %s\n", address);
+        break;
+    case ETIMEDOUT:
+        fprintf(stderr, "zs-call: no reply from %s within %d s\n", address, args.timeout);
+        break;
+    case EPROTO:
+        fprintf(stderr, "zs-call: %s closed the call without a valid reply\n", address);
+        break;
+    case EMSGSIZE:
+        fprintf(stderr, "zs-call: the call or the reply of %s exceeds 16 MiB\n", address);
+        break;
+    case ENAMETOOLONG:
+        fprintf(stderr, "zs-call: address too long for a Unix socket: %s\n", address);
+        break;
+    case EINVAL:
+        fprintf(stderr, "zs-call: invalid address: %s\n", address);
+        break;
+    default:
+        fprintf(stderr, "zs-call: call to %s failed: %s\n", address, strerror(error));
+    }
+}
+
+// Pretty output re-indents a JSON reply; anything else is printed as it came.
+std::string render(const char* body, size_t size, bool pretty)
+{
+    std::string out(body, size);
+    if (pretty) {
+        json_t* value = json_loadb(body, size, JSON_DECODE_ANY, nullptr);
+        if (char* text = value ? json_dumps(value, JSON_INDENT(2) | JSON_ENCODE_ANY) : nullptr) {
+            out = text;
+            free(text);
+        }
+        json_decref(value);
+    }
+    if (out.empty() || out.back() != '\n')
+        out += '\n';
+    return out;
+}
+
+int printReply(const Arguments& args, zs_io* io)
+{
+    const size_t size = zs_io_size(io);
+    // With --fd the service has written to our standard output itself.
+    if (size == 0 && args.passStdout)
+        return kOk;
+    const std::string out = render(zs_io_read(io, 0), size, args.pretty || isatty(STDOUT_FILENO));
+    if (fwrite(out.data(), 1, out.size(), stdout) != out.size() || fflush(stdout) != 0) {
+        fprintf(stderr, "zs-call: cannot write the reply of %s: %s\n", args.address, strerror(errno));
+        return kCallFailed;
+    }
+    return kOk;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Arguments args;
+    int exitCode = kOk;
+    if (parseArguments(argc, argv, args, exitCode) != 0)
+        return exitCode;
+    Orvex::ZsIoPtr io = Orvex::makeZsIo();
+    if (!io || loadBody(args, io.get(), exitCode) != 0)
+        return io ? exitCode : kCallFailed;
+    fflush(stdout);
+    if (zs_call(args.address, args.method, io.get(), args.timeout, args.passStdout ? STDOUT_FILENO : -1) != 0) {
+        reportFailure(args, errno);
+        return kCallFailed;
+    }
+    return printReply(args, io.get());
+}
