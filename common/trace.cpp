@@ -14,7 +14,7 @@ namespace {
 void emit(const std::string& text) noexcept
 {
     try {
-        Poco::Logger& root = Poco::Logger::root();
+        Poco::Logger& root = rootLogger();
         Poco::Channel::Ptr channel = root.getChannel();
         if (!channel)
             return;

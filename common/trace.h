@@ -14,9 +14,22 @@
 namespace Orvex {
 namespace trace {
 
+// The root logger, looked up once: Logger::root() takes the registry's lock on every
+// call, and a trace point below trace level must cost only the level comparison. The
+// extra reference keeps the object valid even after Logger::shutdown().
+inline Poco::Logger& rootLogger() noexcept
+{
+    static Poco::Logger* const root = [] {
+        Poco::Logger* logger = &Poco::Logger::root();
+        logger->duplicate();
+        return logger;
+    }();
+    return *root;
+}
+
 inline bool enabled() noexcept
 {
-    return Poco::Logger::root().getLevel() >= Poco::Message::PRIO_TRACE;
+    return rootLogger().getLevel() >= Poco::Message::PRIO_TRACE;
 }
 
 constexpr const char* baseName(const char* path)

@@ -14,8 +14,6 @@
 #include <Poco/URI.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace Orvex {
@@ -23,8 +21,6 @@ namespace Orvex {
 const char* Service::__help__ = "[Method|Resource]:\n   Resource also be defined in method, all avaiable method are:\n";
 
 namespace {
-
-Poco::SingletonHolder<Service> serviceHolder;
 
 constexpr int kTokens = Poco::StringTokenizer::TOK_TRIM | Poco::StringTokenizer::TOK_IGNORE_EMPTY;
 
@@ -61,11 +57,7 @@ json_t* readArguments(zs_io* io)
 void failCall(zs_io* io, int fd, int code, const char* message)
 {
     zs_reply_json(io, fd, nullptr, code, message);
-    errno = 0;
-    if (!(::fcntl(fd, F_GETFD) == -1 && errno == EBADF))
-        ::close(fd);
-    if (io != nullptr)
-        zs_io_free(io);
+    releaseCall(nullptr, fd, io);
 }
 
 }  // namespace
@@ -95,7 +87,9 @@ Service::~Service()
 Service& Service::getInstance()
 {
     ORVEX_TRACE();
-    return *serviceHolder.get();
+    // Function-local, so a static initialiser elsewhere may already register endpoints.
+    static Poco::SingletonHolder<Service> holder;
+    return *holder.get();
 }
 
 void Service::setServiceName(std::string name)
@@ -239,6 +233,8 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
 {
     ORVEX_TRACE();
     JsonRef args = JsonRef::adopt(readArguments(io));
+    // The bus may keep the method name inside the channel, which the sync-false path frees.
+    std::string name = method != nullptr ? method : "";
     try {
         json_t* raw = args.get();
         Endpoint* endpoint = findEndpoint(method, raw);
@@ -252,7 +248,7 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
             io = nullptr;
             fd = -1;
         }
-        endpoint->worker->dispatch(endpoint, args.get(), method, io, fd);
+        endpoint->worker->dispatch(endpoint, args.get(), name.c_str(), io, fd);
         args.release();  // the worker owns it now
     } catch (Poco::Exception& e) {
         failCall(io, fd, e.code(), e.message().c_str());

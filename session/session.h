@@ -5,7 +5,8 @@
 // objects, filled in place, never released here.
 // Threads: every instance operation takes the session's own (recursive) lock for its whole
 // run, so the keep-alive timer thread and the handler threads see one operation at a time;
-// getInstance() and the last-use stamp are lock-free. The static operations share nothing.
+// getInstance() takes no session lock (the stamp is atomic). The static operations share
+// nothing.
 // Errors: SessionException ("connection fail" 400, "not signin" 403, "signin fail" 403),
 // SessionNotFound(<MAC>, 0) for the per-device process operations. alive() may end the
 // process with _exit(1). Neither the password nor a token is ever written to a log.

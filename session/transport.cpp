@@ -9,12 +9,11 @@
 #include <Poco/Timespan.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
-#include <Poco/Net/HTTPCookie.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/NameValueCollection.h>
-#include <Poco/Net/SSLManager.h>
+#include <Poco/Net/NetSSL.h>
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/Session.h>
 
@@ -65,12 +64,7 @@ std::string roundTrip(Poco::Net::HTTPClientSession& client, Poco::Net::HTTPReque
 // current device is offered again, so a request costs a resumption instead of a full
 // handshake. Guarded by the session lock.
 struct Session::Tls {
-    Tls()
-    {
-        Poco::Net::initializeSSL();
-        context = makeContext();
-    }
-    Context::Ptr context;
+    Context::Ptr context = makeContext();
     Poco::Net::Session::Ptr resumable;
     std::string peer;
 };
@@ -80,6 +74,10 @@ Session::~Session() = default;
 
 Session& Session::getInstance()
 {
+    // OpenSSL registers its own clean-up at exit when it starts; starting it before the
+    // holder exists makes the session, and its TLS context, go first at exit.
+    static const bool sslReady = (Poco::Net::initializeSSL(), true);
+    (void)sslReady;
     static Poco::SingletonHolder<Session> holder;
     Session* session = holder.get();
     session->lastAccess.store(time(nullptr));
@@ -134,7 +132,7 @@ std::string Session::exchange(Poco::Net::HTTPRequest& httpRequest, const std::st
 std::string Session::exchangeTls(Poco::Net::HTTPRequest& httpRequest, const std::string& body)
 {
     if (!tls)
-        tls.reset(new Tls());
+        tls = std::make_unique<Tls>();
     std::string peer = host + ":" + std::to_string(port);
     if (peer != tls->peer) {
         tls->peer = peer;

@@ -1,5 +1,5 @@
 // Test helpers: a real bus service on a private abstract address, served on its own
-// thread, and calls to it through zs_call.
+// thread; calls through zs_call; a pipe to pass as a reply descriptor.
 #pragma once
 
 #include "zservice/zservice.h"
@@ -22,19 +22,6 @@ struct CallResult {
     std::string body;
 };
 
-inline CallResult callBus(const std::string& address, const std::string& method, const std::string& body = "",
-    int fd = -1, int timeoutSeconds = 10)
-{
-    zs_io* io = zs_io_create();
-    zs_io_write(io, body.data(), body.size());
-    CallResult result;
-    result.rc = zs_call(address.c_str(), method.c_str(), io, timeoutSeconds, fd);
-    result.error = errno;
-    result.body.assign(zs_io_read(io, 0), zs_io_size(io));
-    zs_io_free(io);
-    return result;
-}
-
 class TestBus {
 public:
     explicit TestBus(zs_handler handler)
@@ -53,14 +40,18 @@ public:
         thread_.join();
         zs_free(bus_);
     }
-    TestBus(const TestBus&) = delete;
-    TestBus& operator=(const TestBus&) = delete;
-
     bool ok() const { return bus_ != nullptr; }
-    const std::string& address() const { return address_; }
+
     CallResult call(const std::string& method, const std::string& body = "", int fd = -1, int timeoutSeconds = 10) const
     {
-        return callBus(address_, method, body, fd, timeoutSeconds);
+        zs_io* io = zs_io_create();
+        zs_io_write(io, body.data(), body.size());
+        CallResult result;
+        result.rc = zs_call(address_.c_str(), method.c_str(), io, timeoutSeconds, fd);
+        result.error = errno;
+        result.body.assign(zs_io_read(io, 0), zs_io_size(io));
+        zs_io_free(io);
+        return result;
     }
 
 private:
@@ -69,26 +60,44 @@ private:
     std::thread thread_;
 };
 
-// Reads until end of file (every writer closed) or until timeoutMs passes without data.
-// eof tells which one ended it.
-inline std::string readToEof(int fd, int timeoutMs, bool* eof)
-{
-    std::string out;
-    *eof = false;
-    for (;;) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, timeoutMs) <= 0)
-            return out;
-        char buffer[4096];
-        ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n == 0) {
-            *eof = true;
-            return out;
-        }
-        if (n < 0)
-            return out;
-        out.append(buffer, static_cast<size_t>(n));
+// readAll closes our write end and reads to end of file, which only comes once every
+// other copy of the write end (the server's, a child's) is closed too.
+class Pipe {
+public:
+    Pipe() { EXPECT_EQ(::pipe(fds_), 0); }
+    ~Pipe()
+    {
+        closeWriteEnd();
+        ::close(fds_[0]);
     }
-}
+    int writeEnd() const { return fds_[1]; }
+    int readEnd() const { return fds_[0]; }
+    void closeWriteEnd()
+    {
+        if (fds_[1] >= 0)
+            ::close(fds_[1]);
+        fds_[1] = -1;
+    }
+    std::string readAll()
+    {
+        closeWriteEnd();
+        std::string out;
+        char buffer[4096];
+        for (;;) {
+            pollfd p{fds_[0], POLLIN, 0};
+            if (::poll(&p, 1, 5000) <= 0) {
+                ADD_FAILURE() << "a copy of the reply descriptor was left open";
+                return out;
+            }
+            ssize_t n = ::read(fds_[0], buffer, sizeof buffer);
+            if (n <= 0)
+                return out;
+            out.append(buffer, static_cast<size_t>(n));
+        }
+    }
+
+private:
+    int fds_[2] = {-1, -1};
+};
 
 }  // namespace OrvexTest

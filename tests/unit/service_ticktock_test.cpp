@@ -1,12 +1,9 @@
 #include "service/ticktock.h"
 
-#include <Poco/NObserver.h>
 #include <Poco/Notification.h>
-#include <Poco/NotificationCenter.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <mutex>
 #include <set>
 #include <string>
@@ -14,6 +11,8 @@
 #include <vector>
 
 using Orvex::TicktockQueue;
+constexpr auto TICK = TicktockQueue::TICK;
+constexpr auto TOCK = TicktockQueue::TOCK;
 
 namespace {
 
@@ -23,145 +22,80 @@ public:
     std::string text;
 };
 
-Poco::Notification::Ptr item(const std::string& text)
+Poco::Notification::Ptr item(const std::string& text) { return new Named(text); }
+
+std::string textOf(const Poco::Notification::Ptr& n)
 {
-    return new Named(text);
+    return n.isNull() ? "<null>" : n.cast<Named>()->text;
 }
 
-std::string textOf(const Poco::Notification::Ptr& notification)
-{
-    if (notification.isNull())
-        return "<null>";
-    auto named = notification.cast<Named>();
-    return named.isNull() ? "<other>" : named->text;
-}
-
-std::vector<std::string> drain(TicktockQueue& queue)
+std::vector<std::string> take(TicktockQueue& queue, int count)
 {
     std::vector<std::string> out;
-    while (Poco::Notification::Ptr n = queue.dequeueNotification())
-        out.push_back(textOf(n));
+    while (count-- > 0)
+        out.push_back(textOf(queue.dequeueNotification()));
     return out;
 }
 
-// Waiting for a taker to block is a condition on the queue, not a time.
+// A blocked taker is a state of the queue: wait for it, not for a time.
 void awaitWaiters(const TicktockQueue& queue, size_t count)
 {
     while (queue.waiters() != count)
         std::this_thread::yield();
 }
 
+using Texts = std::vector<std::string>;
+
 }  // namespace
 
-TEST(TicktockOrder, AlternatesClassesWhileBothHaveWork)
+TEST(TicktockOrder, ClassesAlternateWhileBothHaveWork)
 {
     TicktockQueue queue;
-    queue.enqueueNotification(item("a1"), TicktockQueue::TICK);
-    queue.enqueueNotification(item("a2"), TicktockQueue::TICK);
-    queue.enqueueNotification(item("a3"), TicktockQueue::TICK);
-    queue.enqueueNotification(item("b1"), TicktockQueue::TOCK);
+    for (const char* a : {"a1", "a2", "a3"})
+        queue.enqueueNotification(item(a), TICK);
+    queue.enqueueNotification(item("b1"), TOCK);
     EXPECT_EQ(queue.size(), 4u);
-    EXPECT_EQ(drain(queue), (std::vector<std::string>{"a1", "b1", "a2", "a3"}));
-    EXPECT_EQ(queue.size(), 0u);
-    EXPECT_TRUE(queue.dequeueNotification().isNull());
+    EXPECT_EQ(take(queue, 5), (Texts{"a1", "b1", "a2", "a3", "<null>"}));
+
+    queue.enqueueNotification(item("x1"), TICK);
+    queue.enqueueUrgentNotification(item("x0"), TICK);
+    queue.enqueueNotification(item("y1"), TOCK);
+    queue.enqueueUrgentNotification(item("y0"), TOCK);
+    // a3 was a fallback take (turn then TOCK); the empty take switched back to TICK.
+    EXPECT_EQ(take(queue, 4), (Texts{"x0", "y0", "x1", "y1"}));
 }
 
-TEST(TicktockOrder, OneClassDrainsInOrderAndTheTurnEndsOnTick)
+TEST(TicktockOrder, OneClassDrainsInOrderAndLeavesTheTurnOnTick)
 {
     TicktockQueue queue;
-    queue.enqueueNotification(item("t1"), TicktockQueue::TOCK);
-    queue.enqueueNotification(item("t2"), TicktockQueue::TOCK);
-    EXPECT_EQ(textOf(queue.dequeueNotification()), "t1");
-    EXPECT_EQ(textOf(queue.dequeueNotification()), "t2");
-    // The turn now points at TICK: with both classes filled, TICK is served first.
-    queue.enqueueNotification(item("x"), TicktockQueue::TOCK);
-    queue.enqueueNotification(item("y"), TicktockQueue::TICK);
-    EXPECT_EQ(drain(queue), (std::vector<std::string>{"y", "x"}));
+    queue.enqueueNotification(item("t1"), TOCK);
+    queue.enqueueNotification(item("t2"), TOCK);
+    EXPECT_EQ(take(queue, 2), (Texts{"t1", "t2"}));
+    queue.enqueueNotification(item("tock"), TOCK);
+    queue.enqueueNotification(item("tick"), TICK);
+    EXPECT_EQ(take(queue, 2), (Texts{"tick", "tock"}));
 }
 
-TEST(TicktockOrder, EmptyTakeSwitchesTheTurn)
-{
-    TicktockQueue queue;
-    EXPECT_TRUE(queue.dequeueNotification().isNull());  // turn moved to TOCK
-    queue.enqueueNotification(item("tick"), TicktockQueue::TICK);
-    queue.enqueueNotification(item("tock"), TicktockQueue::TOCK);
-    EXPECT_EQ(drain(queue), (std::vector<std::string>{"tock", "tick"}));
-}
-
-TEST(TicktockOrder, UrgentGoesToTheFrontOfItsClass)
-{
-    TicktockQueue queue;
-    queue.enqueueNotification(item("a1"), TicktockQueue::TICK);
-    queue.enqueueUrgentNotification(item("a0"), TicktockQueue::TICK);
-    queue.enqueueNotification(item("b1"), TicktockQueue::TOCK);
-    queue.enqueueUrgentNotification(item("b0"), TicktockQueue::TOCK);
-    EXPECT_EQ(drain(queue), (std::vector<std::string>{"a0", "b0", "a1", "b1"}));
-}
-
-TEST(TicktockOrder, DispatchPostsEverythingInTurnOrder)
-{
-    TicktockQueue queue;
-    queue.enqueueNotification(item("a1"), TicktockQueue::TICK);
-    queue.enqueueNotification(item("a2"), TicktockQueue::TICK);
-    queue.enqueueNotification(item("b1"), TicktockQueue::TOCK);
-    queue.enqueueNotification(item("b2"), TicktockQueue::TOCK);
-    queue.enqueueNotification(item("b3"), TicktockQueue::TOCK);
-
-    struct Collector {
-        std::vector<std::string> seen;
-        void take(const Poco::AutoPtr<Named>& n) { seen.push_back(n->text); }
-    } collector;
-    Poco::NotificationCenter center;
-    Poco::NObserver<Collector, Named> observer(collector, &Collector::take);
-    center.addObserver(observer);
-    queue.dispatch(center);
-    center.removeObserver(observer);
-
-    EXPECT_EQ(collector.seen, (std::vector<std::string>{"a1", "b1", "a2", "b2", "b3"}));
-    EXPECT_EQ(queue.size(), 0u);
-}
-
-TEST(TicktockOrder, NullNotificationIsRefused)
-{
-    TicktockQueue queue;
-    EXPECT_THROW(queue.enqueueNotification(nullptr, TicktockQueue::TICK), Poco::NullPointerException);
-    EXPECT_EQ(queue.size(), 0u);
-}
-
-TEST(TicktockWaiting, BlockedTakerGetsTheNotificationDirectly)
-{
-    TicktockQueue queue;
-    std::string got;
-    std::thread taker([&] { got = textOf(queue.waitDequeueNotification()); });
-    awaitWaiters(queue, 1);
-    queue.enqueueNotification(item("direct"), TicktockQueue::TOCK);
-    EXPECT_EQ(queue.size(), 0u);
-    taker.join();
-    EXPECT_EQ(got, "direct");
-    EXPECT_EQ(queue.waiters(), 0u);
-}
-
-TEST(TicktockWaiting, LongestWaitingTakerIsServedFirst)
+TEST(TicktockWaiting, BlockedTakersAreHandedWorkInArrivalOrder)
 {
     TicktockQueue queue;
     std::string got[3];
     std::vector<std::thread> takers;
     for (int i = 0; i < 3; ++i) {
-        takers.emplace_back([&, i] { got[i] = textOf(queue.waitDequeueNotification()); });
-        awaitWaiters(queue, static_cast<size_t>(i + 1));
+        takers.emplace_back([&, i] { got[i] = textOf(i == 2 ? queue.waitDequeueNotification(60000) : queue.waitDequeueNotification()); });
+        awaitWaiters(queue, i + 1u);
     }
-    queue.enqueueNotification(item("first"), TicktockQueue::TICK);
-    queue.enqueueUrgentNotification(item("second"), TicktockQueue::TOCK);
-    queue.enqueueNotification(item("third"), TicktockQueue::TICK);
+    queue.enqueueNotification(item("first"), TICK);
+    queue.enqueueUrgentNotification(item("second"), TOCK);
+    EXPECT_EQ(queue.size(), 0u);  // handed over, never queued
+    queue.enqueueNotification(item("third"), TOCK);
     for (auto& t : takers)
         t.join();
-    EXPECT_EQ(got[0], "first");
-    EXPECT_EQ(got[1], "second");
-    EXPECT_EQ(got[2], "third");
-    EXPECT_EQ(queue.size(), 0u);
+    EXPECT_EQ((Texts{got[0], got[1], got[2]}), (Texts{"first", "second", "third"}));
+    EXPECT_EQ(queue.waiters(), 0u);
 }
 
-TEST(TicktockWaiting, WakeUpAllReleasesEveryTakerAndLaterWorkIsQueued)
+TEST(TicktockWaiting, WakeUpAllReleasesTakersWithNothingAndLaterWorkIsKept)
 {
     TicktockQueue queue;
     std::string got[2];
@@ -171,13 +105,9 @@ TEST(TicktockWaiting, WakeUpAllReleasesEveryTakerAndLaterWorkIsQueued)
     queue.wakeUpAll();
     a.join();
     b.join();
-    EXPECT_EQ(got[0], "<null>");
-    EXPECT_EQ(got[1], "<null>");
-    EXPECT_EQ(queue.waiters(), 0u);
-
-    queue.enqueueNotification(item("kept"), TicktockQueue::TICK);
+    EXPECT_EQ(got[0] + got[1], "<null><null>");
+    queue.enqueueNotification(item("kept"), TICK);
     EXPECT_EQ(queue.size(), 1u);
-    EXPECT_EQ(textOf(queue.dequeueNotification()), "kept");
 }
 
 TEST(TicktockWaiting, ExpiredTimedTakeLeavesNoWaiterBehind)
@@ -185,63 +115,43 @@ TEST(TicktockWaiting, ExpiredTimedTakeLeavesNoWaiterBehind)
     TicktockQueue queue;
     EXPECT_TRUE(queue.waitDequeueNotification(20).isNull());
     EXPECT_EQ(queue.waiters(), 0u);
-    // Had the expired record stayed queued, this would be handed to it and lost.
-    queue.enqueueNotification(item("after"), TicktockQueue::TICK);
+    // A stale record would swallow this hand-over.
+    queue.enqueueNotification(item("after"), TICK);
     EXPECT_EQ(queue.size(), 1u);
     EXPECT_EQ(textOf(queue.waitDequeueNotification(20)), "after");
-}
-
-TEST(TicktockWaiting, TimedTakeReturnsWorkThatArrivesInTime)
-{
-    TicktockQueue queue;
-    std::string got;
-    std::thread taker([&] { got = textOf(queue.waitDequeueNotification(60000)); });
-    awaitWaiters(queue, 1);
-    queue.enqueueNotification(item("in time"), TicktockQueue::TICK);
-    taker.join();
-    EXPECT_EQ(got, "in time");
-    EXPECT_EQ(queue.waiters(), 0u);
 }
 
 TEST(TicktockWaiting, ManyProducersAndTakersLoseNothing)
 {
     TicktockQueue queue;
-    constexpr int kProducers = 4, kPerProducer = 500, kTakers = 3;
+    constexpr int kProducers = 4, kEach = 500, kTakers = 3;
     std::mutex mutex;
     std::multiset<std::string> received;
-    std::vector<std::thread> takers;
+    std::vector<std::thread> threads;
     for (int t = 0; t < kTakers; ++t)
-        takers.emplace_back([&, t] {
-            while (Poco::Notification::Ptr n = queue.waitDequeueNotification(t % 2 ? 5 : 100000)) {
-                std::string text = textOf(n);
-                if (text == "stop")
-                    break;
+        threads.emplace_back([&, t] {
+            // Odd takers use short timed waits, so expiry races with hand-over.
+            while (auto n = t % 2 ? queue.waitDequeueNotification(1) : queue.waitDequeueNotification()) {
+                if (textOf(n) == "stop")
+                    return;
                 std::lock_guard<std::mutex> lock(mutex);
-                received.insert(text);
+                received.insert(textOf(n));
             }
         });
-    std::vector<std::thread> producers;
     for (int p = 0; p < kProducers; ++p)
-        producers.emplace_back([&, p] {
-            for (int i = 0; i < kPerProducer; ++i)
-                queue.enqueueNotification(item(std::to_string(p) + ":" + std::to_string(i)),
-                    i % 2 ? TicktockQueue::TOCK : TicktockQueue::TICK);
+        threads.emplace_back([&, p] {
+            for (int i = 0; i < kEach; ++i)
+                queue.enqueueNotification(item(std::to_string(p) + ":" + std::to_string(i)), i % 2 ? TOCK : TICK);
         });
-    for (auto& p : producers)
-        p.join();
-    // Timed takers may have given up on an empty queue; whatever is left is drained here.
+    for (size_t i = kTakers; i < threads.size(); ++i)
+        threads[i].join();
     for (int t = 0; t < kTakers; ++t)
-        queue.enqueueNotification(item("stop"), TicktockQueue::TICK);
-    for (auto& t : takers)
-        t.join();
-    for (const std::string& text : drain(queue))
-        if (text != "stop")
-            received.insert(text);
-    EXPECT_EQ(received.size(), static_cast<size_t>(kProducers * kPerProducer));
+        queue.enqueueNotification(item("stop"), TICK);
+    for (int t = 0; t < kTakers; ++t)
+        threads[t].join();
+    while (auto n = queue.dequeueNotification())
+        if (textOf(n) != "stop")
+            received.insert(textOf(n));
+    EXPECT_EQ(received.size(), static_cast<size_t>(kProducers * kEach));
     EXPECT_EQ(std::set<std::string>(received.begin(), received.end()).size(), received.size());
-}
-
-TEST(TicktockSingleton, InstanceIsProcessWide)
-{
-    EXPECT_EQ(&TicktockQueue::getInstance(), &TicktockQueue::getInstance());
 }

@@ -145,14 +145,17 @@ TEST_P(SessionRsyslog, EveryOperationOnTheWireWithTheDeviceAnswerAsReply)
     for (const Step& step : allSteps()) {
         SCOPED_TRACE(step.name);
         size_t before = device.requests().size();
-        json_t* json = json_object();
-        JsonRef owner = JsonRef::adopt(json);
+        // The listing sends the object itself, which its handler has emptied.
+        bool list = std::string(step.name) == "list";
+        JsonRef owner = args(list ? "{}" : R"({"stale":1})");
+        json_t* json = owner.get();
         step.run(session, json);
         std::vector<Logged> log = device.requestsFrom(before);
         ASSERT_EQ(log.size(), 1u);
         expectOnWire(log[0], step, sid, v);
         EXPECT_TRUE(json_is_true(member(json, "success"))) << Harness::dump(json);
-        if (std::string(step.name) == "list") {
+        EXPECT_EQ(member(json, "stale"), nullptr);
+        if (list) {
             json_t* first = json_array_get(member(json, "clients"), 0);
             EXPECT_EQ(json_integer_value(json_object_get(first, "port")), 5515);
         }
@@ -189,17 +192,6 @@ TEST(SessionRsyslogState, EveryOperationRefusesBeforeSigninAndSendsNothing)
     EXPECT_TRUE(device.requests().empty());
 }
 
-TEST(SessionRsyslogState, ReplyReplacesWhateverTheObjectHeld)
-{
-    Devsim device("legacy", false);
-    Harness::signin(device);
-    JsonRef json = args(R"({"stale":1})");
-    json_t* raw = json.get();
-    Session::getInstance().getRsyslogConfig(raw);
-    EXPECT_EQ(json_object_get(raw, "stale"), nullptr);
-    EXPECT_NE(json_object_get(raw, "server"), nullptr);
-}
-
 TEST(SessionRsyslogState, NonObjectAnswersLeaveAnEmptyReply)
 {
     struct Case {
@@ -225,12 +217,18 @@ TEST(SessionRsyslogState, EnabledServerConfigFaultsBeforeSending)
     size_t before = device.requests().size();
     int status = Harness::inChild(
         [] {
-            JsonRef a = args(R"({"enable":true,"tcp_enable":true,"udp_enable":false})");
-            SyslogServerOption option(a.get());
-            json_t* json = json_object();
-            Session::getInstance().setRsyslogServerConfig(json, option);
+            try {
+                JsonRef a = args(R"({"enable":true,"tcp_enable":true,"udp_enable":false})");
+                SyslogServerOption option(a.get());
+                json_t* json = json_object();
+                Session::getInstance().setRsyslogServerConfig(json, option);
+            } catch (...) {
+                _exit(3);  // an exception is not the fault looked for
+            }
         },
         true);
-    EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    // A signal, or the exit status a sanitizer gives after reporting the fault.
+    bool faulted = WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) != 0 && WEXITSTATUS(status) != 3);
+    EXPECT_TRUE(faulted) << "wait status " << status;
     EXPECT_TRUE(device.requestsFrom(before).empty());
 }

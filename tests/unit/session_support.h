@@ -14,14 +14,10 @@
 
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <mutex>
 #include <stdexcept>
 #include <string>

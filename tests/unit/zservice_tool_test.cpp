@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -39,7 +40,8 @@ void drain(std::vector<pollfd>& fds, std::string* sinks[2])
     }
 }
 
-ToolRun runTool(std::vector<std::string> args, const std::string& input = "")
+// Runs zs-call with `input` on a pipe as standard input, or with the given descriptor.
+ToolRun runTool(std::vector<std::string> args, const std::string& input = "", int stdinFd = -1)
 {
     int in[2], out[2], err[2];
     EXPECT_EQ(0, pipe2(in, O_CLOEXEC));
@@ -52,7 +54,7 @@ ToolRun runTool(std::vector<std::string> args, const std::string& input = "")
     argv.push_back(nullptr);
     const pid_t child = fork();
     if (child == 0) {
-        dup2(in[0], 0);
+        dup2(stdinFd >= 0 ? stdinFd : in[0], 0);
         dup2(out[1], 1);
         dup2(err[1], 2);
         execv(argv[0], argv.data());
@@ -100,6 +102,26 @@ TEST(ZsCallTool, SendsTheBodyFromArgumentOrStdinAndPrintsTheReplyWithANewline)
     run = runTool({"-t", "5", service.address(), "help"});
     EXPECT_EQ(0, run.status);
     EXPECT_EQ("echo:help:\n", run.out);
+}
+
+TEST(ZsCallTool, SaysItWaitsWhenReadingJsonFromATerminal)
+{
+    TestService service;
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(0, grantpt(master));
+    ASSERT_EQ(0, unlockpt(master));
+    const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(terminal, 0);
+    // One line, then end of input (Ctrl-D), already typed.
+    const std::string typed = "{\"t\":1}\n\x04";
+    ASSERT_EQ(static_cast<ssize_t>(typed.size()), write(master, typed.data(), typed.size()));
+    const ToolRun run = runTool({service.address(), "m", "-"}, "", terminal);
+    close(terminal);
+    close(master);
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ("zs-call: waiting for JSON on standard input (end it with Ctrl-D)\n", run.err);
+    EXPECT_EQ("echo:m:{\"t\":1}\n", run.out);
 }
 
 TEST(ZsCallTool, PrettyPrintsJsonRepliesAndLeavesOtherTextAlone)
