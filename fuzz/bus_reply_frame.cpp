@@ -1,0 +1,105 @@
+// zs_call reading reply frames: a stand-in service (raw socket, background thread) takes the
+// call frame and answers with the input's bytes, then hangs up. zs_call must succeed with
+// exactly the announced body for a well-formed reply, and otherwise fail with EPROTO or
+// EMSGSIZE; never hang until its time-out, never read past what was announced.
+#include "fuzz/fuzz_support.h"
+#include "zservice/zservice.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+using namespace OrvexFuzz;
+
+namespace {
+
+const char kMethod[] = "fuzz";
+
+struct FakeService {
+    std::string address = uniqueAddress("reply");
+    int listenFd = listenOn(address);
+    std::mutex mutex;
+    std::string answer;
+    bool stopping = false;
+    std::thread loop;
+
+    FakeService()
+    {
+        FUZZ_CHECK(listenFd >= 0, "stand-in service listens");
+        loop = std::thread([this] { serve(); });
+    }
+    ~FakeService()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            stopping = true;
+        }
+        // Wake the accept with one last connection.
+        int fd = connectTo(address);
+        loop.join();
+        if (fd >= 0)
+            close(fd);
+        close(listenFd);
+    }
+    void serve()
+    {
+        for (;;) {
+            int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0)
+                continue;
+            std::string bytes;
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                if (stopping) {
+                    close(fd);
+                    return;
+                }
+                bytes = answer;
+            }
+            // The whole call first, so closing after the answer is a clean end of stream.
+            char call[ZS_HEADER_SIZE + sizeof(kMethod) - 1];
+            if (readExactly(fd, call, sizeof(call)))
+                writeAll(fd, bytes.data(), bytes.size());
+            close(fd);
+        }
+    }
+};
+
+void checkOutcome(const uint8_t* data, size_t size, int result, int error, zs_io* io)
+{
+    bool wellFormed = size >= ZS_HEADER_SIZE && data[0] == ZS_MAGIC0 && data[1] == ZS_MAGIC1 &&
+                      data[2] == ZS_VERSION && data[3] == ZS_KIND_REPLY && u32le(data + 4) == 0;
+    uint32_t bodyLength = size >= ZS_HEADER_SIZE ? u32le(data + 8) : 0;
+    if (wellFormed && bodyLength <= size - ZS_HEADER_SIZE) {
+        FUZZ_CHECK(result == 0, "a whole reply is accepted");
+        std::string body(zs_io_read(io, 0), zs_io_size(io));
+        FUZZ_CHECK(body == std::string(reinterpret_cast<const char*>(data) + ZS_HEADER_SIZE, bodyLength),
+                   "the body is exactly the announced bytes");
+        return;
+    }
+    FUZZ_CHECK(result == -1, "a broken or short reply fails");
+    // An oversized announcement is refused as such before any body is read.
+    int expected = wellFormed && bodyLength > ZS_MAX_BODY ? EMSGSIZE : EPROTO;
+    FUZZ_CHECK(error == expected, std::strerror(error));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static FakeService service;
+    {
+        std::lock_guard<std::mutex> lock(service.mutex);
+        service.answer.assign(reinterpret_cast<const char*>(data), size);
+    }
+    zs_io* io = zs_io_create();
+    zs_io_write(io, "previous content", 16);
+    errno = 0;
+    int result = zs_call(service.address.c_str(), kMethod, io, 10, -1);
+    int error = errno;
+    checkOutcome(data, size, result, error, io);
+    zs_io_free(io);
+    return 0;
+}
