@@ -8,14 +8,14 @@ set(CPACK_PACKAGE_NAME orvex-session)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "Orvex")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "per-device session daemon of the Orvex log center")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "per-device session daemon of the Orvex log center
- orvex-session keeps one authenticated HTTP(S) session with one remote storage
- device, named by its MAC address, and serves the log center's programs over the
- appliance's local service bus: sign-in, keep-alive, device identity and the
- device's remote-syslog settings.
- .
- The package also holds the command-line tools that go with it (bus client,
- device simulator, front end) in /usr/local/bin.")
+# CPack puts the summary first and indents these lines itself; an empty line becomes " .".
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "orvex-session keeps one authenticated HTTP(S) session with one remote storage
+device, named by its MAC address, and serves the log center's programs over the
+appliance's local service bus: sign-in, keep-alive, device identity and the
+device's remote-syslog settings.
+
+The package also holds the command-line tools that go with it (bus client,
+device simulator, front end) in /usr/local/bin.")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Orvex log center developers <logcenter@orvex.invalid>")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)

@@ -242,6 +242,7 @@ void connectBus(const std::string& serviceName)
     g_bus = zs_create(address.c_str(), 4, 1, onHandler);
     if (!g_bus) {
         // Without the bus nobody can reach this process; do not linger as a silent no-op.
+        std::fprintf(stderr, "orvex-session cannot serve on %s.\n", address.c_str());
         Poco::Logger::root().error(strformat("[%s] cannot serve on %s", serviceName.c_str(), address.c_str()));
         std::exit(1);
     }

@@ -3,8 +3,8 @@
 #
 #   scripts/cross-test.sh [--e2e | --all] [--no-build] [extra ctest arguments]
 #
-# Default: the unit tests (every test without the ctest label "e2e"). --e2e runs the
-# end-to-end tests (label "e2e") instead, --all runs everything. The cross build is
+# Default: the unit tests (every test whose name does not start with "e2e_"). --e2e runs
+# the end-to-end tests (tests/e2e, names "e2e_...") instead, --all runs everything. The cross build is
 # brought up to date first (scripts/cross-build.sh) unless --no-build is given.
 #
 # ctest starts each test program through qemu-aarch64 (the toolchain's emulator); the
@@ -24,11 +24,11 @@ binfmt=/proc/sys/fs/binfmt_misc
 
 say() { echo "cross-test.sh: $*" >&2; }
 
-select=(-LE e2e)
+select=(-E '^e2e_')
 do_build=1
 while [ $# -gt 0 ]; do
   case $1 in
-    --e2e) select=(-L e2e) ;;
+    --e2e) select=(-R '^e2e_') ;;
     --all) select=() ;;
     --no-build) do_build=0 ;;
     *) break ;;

@@ -17,7 +17,7 @@ if [ "$(id -u)" != 0 ]; then
 fi
 root=$(mktemp -d /tmp/orvex-isolate.XXXXXX)
 trap 'rm -rf "$root"' EXIT
-mkdir -p "$root"/lock "$root"/log "$root"/sbin "$root"/ovl/up "$root"/ovl/work
+mkdir -p "$root"/lock "$root"/log "$root"/sbin "$root"/ovl/up "$root"/ovl/work "$root"/ovl/local-up "$root"/ovl/local-work
 export ORVEX_ISOLATE_ROOT=$root
 unshare --mount --net --propagation private -- bash -euc '
   root=$ORVEX_ISOLATE_ROOT
@@ -26,6 +26,9 @@ unshare --mount --net --propagation private -- bash -euc '
   mount --bind "$root/lock" /run/lock
   mount --bind "$root/log" /var/log
   mkdir -p /var/log/orvex
+  # An overlay, so a missing /usr/local/sbin can be made without touching the disk.
+  mount -t overlay overlay -o lowerdir=/usr/local,upperdir=$root/ovl/local-up,workdir=$root/ovl/local-work /usr/local
+  mkdir -p /usr/local/sbin
   mount --bind "$root/sbin" /usr/local/sbin
   for f in ${ORVEX_ISOLATE_SBIN:-}; do cp "$f" /usr/local/sbin/; done
   ip link set lo up

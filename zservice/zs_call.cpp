@@ -57,8 +57,10 @@ bool parseTimeout(const char* text, int& out)
     return true;
 }
 
-// -1 when parsing ends the program with `exitCode`.
-int parseArguments(int argc, char** argv, Arguments& args, int& exitCode)
+constexpr int kGoOn = -1;
+
+// kGoOn, or the exit status when the command line ends the program.
+int parseArguments(int argc, char** argv, Arguments& args)
 {
     static const option options[] = {{"timeout", required_argument, nullptr, 't'},
                                      {"fd", no_argument, nullptr, 'f'},
@@ -68,36 +70,42 @@ int parseArguments(int argc, char** argv, Arguments& args, int& exitCode)
     int c;
     while ((c = getopt_long(argc, argv, "+t:h", options, nullptr)) != -1) {
         if (c == 't' && !parseTimeout(optarg, args.timeout))
-            return exitCode = usageError("the time-out must be a whole number of seconds"), -1;
+            return usageError("the time-out must be a whole number of seconds");
         if (c == 'f')
             args.passStdout = true;
         else if (c == 'p')
             args.pretty = true;
         else if (c == 'h')
-            return fputs(kUsage, stdout), exitCode = kOk, -1;
+            return fputs(kUsage, stdout) < 0 ? kCallFailed : kOk;
         else if (c == '?')
-            return exitCode = usageError(nullptr), -1;
+            return usageError(nullptr);
     }
     const int rest = argc - optind;
     if (rest < 2 || rest > 3)
-        return exitCode = usageError(rest < 2 ? "ADDRESS and METHOD are required" : "too many arguments"), -1;
+        return usageError(rest < 2 ? "ADDRESS and METHOD are required" : "too many arguments");
     args.address = argv[optind];
     args.method = argv[optind + 1];
     args.body = rest == 3 ? argv[optind + 2] : nullptr;
     if (!*args.method || strlen(args.method) > ZS_MAX_NAME)
-        return exitCode = usageError("METHOD must be 1 to 255 bytes long"), -1;
-    return 0;
+        return usageError("METHOD must be 1 to 255 bytes long");
+    return kGoOn;
 }
 
+// read(2) until end of file: stdio's large reads ask the terminal again after a Ctrl-D.
 bool readStdin(std::string& out)
 {
     if (isatty(STDIN_FILENO))
         fputs("zs-call: waiting for JSON on standard input (end it with Ctrl-D)\n", stderr);
     char chunk[65536];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), stdin)) > 0)
-        out.append(chunk, n);
-    return !ferror(stdin);
+    for (;;) {
+        const ssize_t n = read(STDIN_FILENO, chunk, sizeof(chunk));
+        if (n == 0)
+            return true;
+        if (n < 0 && errno != EINTR)
+            return false;
+        if (n > 0)
+            out.append(chunk, static_cast<size_t>(n));
+    }
 }
 
 bool blank(const std::string& text)
@@ -106,41 +114,41 @@ bool blank(const std::string& text)
 }
 
 // The position only: jansson's error text quotes the input, which may hold a password.
-bool validJson(const std::string& text, const char* where, int& exitCode)
+int checkJson(const std::string& text, const char* where)
 {
     json_error_t error;
     json_t* value = json_loadb(text.data(), text.size(), JSON_DECODE_ANY, &error);
     if (value) {
         json_decref(value);
-        return true;
+        return kGoOn;
     }
     char message[160];
     snprintf(message, sizeof(message), "%s is not valid JSON (line %d, column %d)", where, error.line,
              error.column);
-    exitCode = usageError(message);
-    return false;
+    return usageError(message);
 }
 
-// -1 when the body is unusable and the program ends with `exitCode`.
-int loadBody(const Arguments& args, zs_io* io, int& exitCode)
+// kGoOn, or the exit status when the body is unusable.
+int loadBody(const Arguments& args, zs_io* io)
 {
     std::string text;
     const bool fromStdin = args.body && strcmp(args.body, "-") == 0;
     if (fromStdin && !readStdin(text)) {
         fprintf(stderr, "zs-call: cannot read standard input: %s\n", strerror(errno));
-        return exitCode = kCallFailed, -1;
+        return kCallFailed;
     }
     if (!fromStdin && args.body)
         text = args.body;
     if (blank(text))
-        return 0;
-    if (!validJson(text, fromStdin ? "standard input" : "the body", exitCode))
-        return -1;
+        return kGoOn;
+    const int status = checkJson(text, fromStdin ? "standard input" : "the body");
+    if (status != kGoOn)
+        return status;
     if (zs_io_write(io, text.data(), text.size()) < 0) {
         fputs("zs-call: out of memory\n", stderr);
-        return exitCode = kCallFailed, -1;
+        return kCallFailed;
     }
-    return 0;
+    return kGoOn;
 }
 
 void reportFailure(const Arguments& args, int error)
@@ -207,12 +215,15 @@ int printReply(const Arguments& args, zs_io* io)
 int main(int argc, char** argv)
 {
     Arguments args;
-    int exitCode = kOk;
-    if (parseArguments(argc, argv, args, exitCode) != 0)
-        return exitCode;
+    int status = parseArguments(argc, argv, args);
+    if (status != kGoOn)
+        return status;
     Orvex::ZsIoPtr io = Orvex::makeZsIo();
-    if (!io || loadBody(args, io.get(), exitCode) != 0)
-        return io ? exitCode : kCallFailed;
+    if (!io)
+        return kCallFailed;
+    status = loadBody(args, io.get());
+    if (status != kGoOn)
+        return status;
     fflush(stdout);
     if (zs_call(args.address, args.method, io.get(), args.timeout, args.passStdout ? STDOUT_FILENO : -1) != 0) {
         reportFailure(args, errno);

@@ -16,6 +16,11 @@ struct Kind {
     bool tls;
 };
 
+void PrintTo(const Kind& kind, std::ostream* out)
+{
+    *out << kind.family << (kind.tls ? " over HTTPS" : " over HTTP");
+}
+
 std::string kindName(const ::testing::TestParamInfo<Kind>& info)
 {
     return std::string(info.param.family) + (info.param.tls ? "Https" : "Http");

@@ -33,8 +33,8 @@ TEST(ProcessEntry, NormalisesTheMacAndNamesLockAndServiceAfterIt)
 {
     E2E_REQUIRE_ISOLATION();
     Daemon daemon(" 00:11:22:AA:BB:CC\t");
-    ASSERT_TRUE(daemon.ready()) << daemon.log();
     const std::string mac = "00:11:22:aa:bb:cc";
+    ASSERT_TRUE(waitFor([&] { return answers(mac); })) << daemon.log();
     EXPECT_EQ(lockHolder(mac), daemon.process().pid());
     EXPECT_EQ(readFile(lockPath(mac)), std::to_string(daemon.process().pid()));
     BusReply help = busCall(mac, "help", R"({"method":"get_device_rsyslog_client"})");

@@ -72,9 +72,12 @@ public:
             port_ = static_cast<uint16_t>(std::stoi(m[2]));
     }
 
+    // A sanitizer report or a crash in the child shows up as a non-zero status here.
     ~Devsim()
     {
-        stop();
+        if (pid_ > 0) {
+            EXPECT_EQ(stop(), 0) << "orvex-devsim did not stop cleanly";
+        }
         if (out_)
             fclose(out_);
     }

@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -20,12 +22,14 @@ struct ToolRun {
     std::string err;
 };
 
-void drain(std::vector<pollfd>& fds, std::string* sinks[2])
+// Collects both outputs until the program closes them, for at most 10 s; false on time-out.
+bool drain(std::vector<pollfd>& fds, std::string* sinks[2])
 {
     char buffer[4096];
-    while (fds[0].fd >= 0 || fds[1].fd >= 0) {
-        if (poll(fds.data(), 2, 10000) <= 0)
-            break;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while ((fds[0].fd >= 0 || fds[1].fd >= 0) && std::chrono::steady_clock::now() < end) {
+        if (poll(fds.data(), 2, 1000) <= 0)
+            continue;
         for (int i = 0; i < 2; ++i) {
             if (fds[i].fd < 0 || !fds[i].revents)
                 continue;
@@ -38,6 +42,14 @@ void drain(std::vector<pollfd>& fds, std::string* sinks[2])
             }
         }
     }
+    bool closed = true;
+    for (auto& p : fds) {
+        if (p.fd >= 0) {
+            close(p.fd);
+            closed = false;
+        }
+    }
+    return closed;
 }
 
 // Runs zs-call with `input` on a pipe as standard input, or with the given descriptor.
@@ -68,8 +80,11 @@ ToolRun runTool(std::vector<std::string> args, const std::string& input = "", in
     ToolRun run;
     std::vector<pollfd> fds{{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
     std::string* sinks[2] = {&run.out, &run.err};
-    drain(fds, sinks);
     int status = 0;
+    if (!drain(fds, sinks)) {
+        ADD_FAILURE() << "zs-call did not finish in time";
+        kill(child, SIGKILL);
+    }
     waitpid(child, &status, 0);
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return run;

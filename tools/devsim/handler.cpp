@@ -99,12 +99,13 @@ void hangUp(Poco::Net::HTTPServerRequest& request)
 {
     auto& impl = static_cast<Poco::Net::HTTPServerRequestImpl&>(request);
     Poco::Net::StreamSocket socket = impl.detachSocket();
+    // Shut down only: the descriptor itself is closed by the server when the last
+    // owner of the socket lets go, so no two threads ever close it.
     try {
         socket.shutdown();
     } catch (const Poco::Exception&) {
-        // The peer may already be gone; closing is all that is left to do.
+        // The peer may already be gone.
     }
-    socket.close();
 }
 
 Reply answer(Device& device, const Exchange& exchange)

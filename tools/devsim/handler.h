@@ -44,7 +44,8 @@ std::string param(const Params& params, const std::string& name, bool* found = n
 // "a=b&c=d" split on '&' then on the first '='; with decode, values are percent-decoded.
 Params splitParams(const std::string& text, bool decode);
 
-// The pages: each answers one exchange of its family, or nullopt-like html404.
+// The pages: each answers one exchange; paths it does not serve get the HTML 404 page
+// (rsyslogPage: a JSON 404). They throw only on internal errors (answered 500).
 Reply legacyPage(Device& device, const Exchange& exchange);
 Reply tokenPage(Device& device, const Exchange& exchange);
 Reply rsyslogPage(Device& device, const Exchange& exchange);
