@@ -135,8 +135,8 @@ check_binaries() {
 setup_only=0
 if [ "${1:-}" = --setup-only ]; then setup_only=1; shift; fi
 
-ensure_host_tools
 ensure_arm64_lists
+ensure_host_tools
 ensure_sysroot
 [ $setup_only = 1 ] && exit 0
 

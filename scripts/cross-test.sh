@@ -24,12 +24,16 @@ binfmt=/proc/sys/fs/binfmt_misc
 
 say() { echo "cross-test.sh: $*" >&2; }
 
-select=(-E '^e2e_')
+# Emulator artefacts, not faults of the code (the tests pass natively; the behaviour
+# is qemu-user's): it receives descriptors into a control buffer twice the caller's size
+# and leaks those that do not fit, where the kernel closes them.
+emulator_artefacts='zservice_test\.ZserviceDescriptor\.ExtraDescriptorsAreClosedAndTruncatedControlDataIsABadFrame'
+select=(-E "^e2e_|$emulator_artefacts")
 do_build=1
 while [ $# -gt 0 ]; do
   case $1 in
-    --e2e) select=(-R '^e2e_') ;;
-    --all) select=() ;;
+    --e2e) select=(-R '^e2e_' -E "$emulator_artefacts") ;;
+    --all) select=(-E "$emulator_artefacts") ;;
     --no-build) do_build=0 ;;
     *) break ;;
   esac

@@ -4,8 +4,8 @@
 #   scripts/package.sh [amd64] [arm64]        (default: both)
 #
 # amd64: a release build in build-package (tests and benchmarks left out).
-# arm64: the cross build in build-aarch64 (scripts/cross-build.sh, which also installs
-#        the cross tools and the arm64 sysroot).
+# arm64: a cross build in build-aarch64-package (scripts/cross-build.sh, which also
+#        installs the cross tools and the arm64 sysroot), tests left out too.
 # The daemon is installed to /usr/local/sbin, the tools to /usr/local/bin. Library
 # dependencies come from dpkg-shlibdeps. Prints the paths of the packages it made.
 #
@@ -17,7 +17,7 @@ out=${ORVEX_PACKAGE_DIR:-$root/out/packages}
 jobs=${ORVEX_JOBS:-2}
 niceness=${ORVEX_NICE:-10}
 native_build=$root/build-package
-cross_build=${ORVEX_AARCH64_BUILD:-$root/build-aarch64}
+cross_build=$root/build-aarch64-package
 
 say() { echo "package.sh: $*" >&2; }
 
@@ -58,7 +58,8 @@ build_amd64() {
 }
 
 build_arm64() {
-  quiet "$root/scripts/cross-build.sh"
+  ORVEX_AARCH64_BUILD=$cross_build ORVEX_CROSS_CMAKE_ARGS="-DORVEX_TESTS=OFF -DORVEX_BENCH=OFF" \
+    quiet "$root/scripts/cross-build.sh"
   run_cpack "$cross_build"
 }
 

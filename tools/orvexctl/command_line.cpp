@@ -17,8 +17,8 @@ const char* const kUsage =
     "       orvexctl stop MAC\n"
     "       orvexctl stop --all\n"
     "Without a --pass option the password is read from ORVEX_PASS.\n"
-    "Exit status: 0 done, 1 the session answered with an error, 2 bad command line,\n"
-    "3 no session process answers for the MAC.\n";
+    "Exit status: 0 done, 1 the session answered with an error (or the daemon is not\n"
+    "installed), 2 bad command line, 3 no session process answers for the MAC.\n";
 
 namespace {
 

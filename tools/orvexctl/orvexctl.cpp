@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -126,9 +127,9 @@ int report(json_t* reply, const std::string& mac, const std::string& method)
 
 int runStart(const Command& command)
 {
-    if (access(kDaemonPath, X_OK) != 0)
-        throw UsageError(std::string(kDaemonPath) + " is not installed");
     std::string pass = password(command);
+    if (access(kDaemonPath, X_OK) != 0)
+        throw std::runtime_error(std::string(kDaemonPath) + " is not installed");
     JsonRef args = JsonRef::adopt(json_pack("{ss ss si ss ss sb}", "mac", command.mac.c_str(), "ip",
         command.ip.c_str(), "port", command.port, "user", command.user.c_str(), "pass", pass.c_str(),
         "secure", command.secure ? 1 : 0));
@@ -139,8 +140,7 @@ int runStart(const Command& command)
 
 int runCall(const Command& command)
 {
-    json_error_t error;
-    json_t* parsed = json_loads(command.json.c_str(), 0, &error);
+    json_t* parsed = json_loads(command.json.c_str(), 0, nullptr);
     if (!json_is_object(parsed)) {
         json_decref(parsed);
         throw UsageError("the arguments of " + command.method + " must be one JSON object");
