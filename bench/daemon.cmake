@@ -7,7 +7,7 @@ if(TARGET orvex-session AND TARGET orvex-devsim)
   target_link_libraries(orvex_bench_support PUBLIC Threads::Threads)
 
   add_executable(orvex_bench_peer ${CMAKE_CURRENT_LIST_DIR}/daemon_peer.cpp)
-  target_link_libraries(orvex_bench_peer PRIVATE orvex_bench_support Poco::NetSSL Poco::Net Poco::Foundation)
+  target_link_libraries(orvex_bench_peer PRIVATE orvex_bench_support orvex::zservice Poco::NetSSL Poco::Net Poco::Foundation)
 
   pkg_check_modules(LIBSYSTEMD QUIET IMPORTED_TARGET libsystemd)
   add_executable(orvex_daemon_bench ${CMAKE_CURRENT_LIST_DIR}/daemon_bench.cpp

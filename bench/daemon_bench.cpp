@@ -140,6 +140,56 @@ void measureDbus(const Settings& s, const std::string& reply, const std::functio
     rmdir(dir);
 }
 
+// Server CPU time per call while `callers` threads call for `seconds`.
+Figures cpuPerCall(pid_t server, const std::function<bool(int)>& call, int callers, double seconds)
+{
+    const double before = cpuSeconds(server);
+    const Samples samples = measureCalls(call, callers, seconds, 0);
+    const double used = cpuSeconds(server) - before;
+    Figures f;
+    f.count = samples.values.size();
+    f.failures = samples.failures;
+    f.median = f.count ? used * 1e6 / static_cast<double>(f.count) : 0;
+    return f;
+}
+
+Row cpuRow(const std::string& subject, const Figures& value, const std::string& baseline, const Figures& base)
+{
+    Row r = row("server CPU per call, 8 callers (us)", subject, value, baseline, base);
+    r.hasP99 = false;
+    r.hasRate = false;
+    return r;
+}
+
+// Where the daemon's round trip goes: the bus client library against the raw echo, the bus
+// library replying at once, and the bus library handing each call to a worker thread.
+void measureBusBreakdown(const Settings& s, const std::string& reply, const std::function<bool(int)>& viaEcho,
+                         pid_t echoPid, Report& report)
+{
+    const std::string frame = encodeFrame('C', kInfoMethod, "{}");
+    const auto clientOnEcho = daemonCall("@orvex-bench-echo", kInfoMethod, reply.size());
+    std::unique_ptr<Process> direct = startPeer({s.programs.peer, "bus", "@orvex-bench-direct", reply, "direct"});
+    std::unique_ptr<Process> worker = startPeer({s.programs.peer, "bus", "@orvex-bench-worker", reply, "worker"});
+    const auto viaDirect = daemonCall("@orvex-bench-direct", kInfoMethod, reply.size());
+    const auto viaWorker = daemonCall("@orvex-bench-worker", kInfoMethod, reply.size());
+    const double half = std::max(0.4, s.seconds / 2);
+    for (int callers : {1, 8}) {
+        const std::string figure = callers == 1 ? "breakdown, 1 caller (us)" : "breakdown, 8 callers (us)";
+        Figures a, b;
+        measurePair(clientOnEcho, viaEcho, callers, half, a, b);
+        report.rows.push_back(row(figure, "zs_call client to the raw echo", a, "raw AF_UNIX echo", b));
+        measurePair(viaDirect, viaEcho, callers, half, a, b);
+        report.rows.push_back(row(figure, "bus library, reply on the loop thread", a, "raw AF_UNIX echo", b));
+        measurePair(viaWorker, viaEcho, callers, half, a, b);
+        report.rows.push_back(row(figure, "bus library, reply from a worker thread", a, "raw AF_UNIX echo", b));
+    }
+    const Figures echoCpu = cpuPerCall(echoPid, viaEcho, 8, half);
+    report.rows.push_back(cpuRow("bus library, reply on the loop thread", cpuPerCall(direct->pid(), viaDirect, 8, half),
+                                 "raw AF_UNIX echo", echoCpu));
+    report.rows.push_back(cpuRow("bus library, reply from a worker thread",
+                                 cpuPerCall(worker->pid(), viaWorker, 8, half), "raw AF_UNIX echo", echoCpu));
+}
+
 void measureBus(const Settings& s, const Devsim& device, Report& report)
 {
     Daemon daemon(s.programs, macAddress(1));
@@ -160,18 +210,20 @@ void measureBus(const Settings& s, const Devsim& device, Report& report)
     Figures d1, e1, d8, e8;
     measurePair(viaDaemon, viaEcho, 1, s.seconds, d1, e1);
     measurePair(viaDaemon, viaEcho, 8, s.seconds, d8, e8);
-    report.rows.push_back(row("bus round trip, 1 caller (us)", "daemon: " + std::string(kInfoMethod), d1,
-                              "raw AF_UNIX echo", e1));
-    report.rows.push_back(row("bus round trip, 8 callers (us)", "daemon: " + std::string(kInfoMethod), d8,
-                              "raw AF_UNIX echo", e8));
+    const std::string subject = "daemon: " + std::string(kInfoMethod);
+    report.rows.push_back(row("bus round trip, 1 caller (us)", subject, d1, "raw AF_UNIX echo", e1));
+    report.rows.push_back(row("bus round trip, 8 callers (us)", subject, d8, "raw AF_UNIX echo", e8));
+    report.rows.push_back(cpuRow(subject, cpuPerCall(daemon.process().pid(), viaDaemon, 8, std::max(0.4, s.seconds / 2)),
+                                 "raw AF_UNIX echo", cpuPerCall(echo->pid(), viaEcho, 8, std::max(0.4, s.seconds / 2))));
     report.goals.push_back({"bus round trip <= 1.2x raw echo (median, 1 caller)", d1.median / e1.median, 1.2, true,
                             "daemon " + micros(d1.median) + " / raw " + micros(e1.median) + failures(d1, e1)});
     char rates[96];
     std::snprintf(rates, sizeof rates, "daemon %.0f/s / raw %.0f/s", d8.rate, e8.rate);
     report.goals.push_back({"bus calls/s with 8 callers >= 0.8x raw echo", d8.rate / e8.rate, 0.8, false,
                             rates + failures(d8, e8)});
-    echo.reset();
     measureDbus(s, reply, viaDaemon, report, d1);
+    measureBusBreakdown(s, reply, viaEcho, echo->pid(), report);
+    echo.reset();
     daemon.process().stop();
 }
 

@@ -48,7 +48,7 @@ std::string busAddressOf(const std::string& mac);
 // One bus call; reply (if given) gets the reply body. false on any bus failure.
 bool busCall(const std::string& address, const std::string& method, const std::string& body, std::string* reply,
              int timeoutSeconds = 10);
-// Polls with "help" until something answers at address; false after timeout.
+// Polls with a call until something answers at address; false after timeout.
 bool waitForAnswer(const std::string& address, std::chrono::milliseconds timeout);
 
 // orvex-session -m MAC -d as a child (console log to /dev/null).

@@ -5,13 +5,22 @@
 //                                         server answering every call frame with REPLY
 //   orvex_bench_peer idle URL             footprint baseline: one GET to URL with a bare
 //                                         POCO client, then idle until stdin reaches EOF
+//   orvex_bench_peer bus ADDRESS REPLY direct|worker
+//                                         the bus library alone, replying on the loop thread
+//                                         or after handing the call to one worker thread
+//                                         (where the daemon's round trip goes)
 //
 // Both print "ready" on stdout once they serve or are idle; exit status 1 on failure.
 #include "bench/daemon_support.h"
+#include "zservice/zservice.h"
 
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdio>
+#include <deque>
+#include <mutex>
+#include <thread>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -51,6 +60,70 @@ int echo(const std::string& address, const std::string& reply)
     serveEcho(fd, encodeFrame('R', "", reply));
     return 1;
 }
+
+// ---- the bus library alone -----------------------------------------------------------------
+
+std::string g_reply;
+std::mutex g_mutex;
+std::condition_variable g_ready;
+std::deque<zs_io*> g_calls;
+
+void answer(zs_io* io)
+{
+    zs_io_realloc(io, 0);
+    zs_io_write(io, g_reply.data(), g_reply.size());
+    zs_reply(io);
+    zs_io_free(io);
+}
+
+void replyDirect(const char*, zs_io* io, int fd)
+{
+    if (fd >= 0)
+        close(fd);
+    answer(io);
+}
+
+void handOver(const char*, zs_io* io, int fd)
+{
+    if (fd >= 0)
+        close(fd);
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        g_calls.push_back(io);
+    }
+    g_ready.notify_one();
+}
+
+void work()
+{
+    for (;;) {
+        zs_io* io;
+        {
+            std::unique_lock<std::mutex> lock(g_mutex);
+            g_ready.wait(lock, [] { return !g_calls.empty(); });
+            io = g_calls.front();
+            g_calls.pop_front();
+        }
+        answer(io);
+    }
+}
+
+int bus(const std::string& address, const std::string& reply, bool worker)
+{
+    g_reply = reply;
+    zs* service = zs_create(address.c_str(), 4, 1, worker ? handOver : replyDirect);
+    if (!service) {
+        std::fprintf(stderr, "orvex_bench_peer: cannot listen on %s\n", address.c_str());
+        return 1;
+    }
+    if (worker)
+        std::thread(work).detach();
+    ready();
+    zs_start(service);
+    return 1;
+}
+
+// ---- idle POCO process ----------------------------------------------------------------------
 
 void get(Poco::Net::HTTPClientSession& client, const std::string& path)
 {
@@ -103,6 +176,8 @@ int main(int argc, char** argv)
         return echo(argv[2], argv[3]);
     if (argc == 3 && std::strcmp(argv[1], "idle") == 0)
         return idle(argv[2]);
-    std::fputs("usage: orvex_bench_peer echo ADDRESS REPLY | idle URL\n", stderr);
+    if (argc == 5 && std::strcmp(argv[1], "bus") == 0)
+        return bus(argv[2], argv[3], std::strcmp(argv[4], "worker") == 0);
+    std::fputs("usage: orvex_bench_peer echo ADDRESS REPLY | idle URL | bus ADDRESS REPLY direct|worker\n", stderr);
     return 2;
 }

@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -142,6 +143,33 @@ Memory readMemory(pid_t pid)
     std::stringstream text;
     text << in.rdbuf();
     return parseSmapsRollup(text.str());
+}
+
+double parseCpuSeconds(const std::string& statText)
+{
+    // The command name may hold spaces and parentheses; the fields start after the last ')'.
+    const size_t close = statText.rfind(')');
+    if (close == std::string::npos)
+        return -1;
+    std::istringstream fields(statText.substr(close + 1));
+    std::string field;
+    double ticks = 0;
+    // utime and stime are fields 14 and 15; the first after ')' is field 3.
+    for (int number = 3; number <= 15; ++number) {
+        if (!(fields >> field))
+            return -1;
+        if (number >= 14)
+            ticks += std::strtod(field.c_str(), nullptr);
+    }
+    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+double cpuSeconds(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(in, text);
+    return parseCpuSeconds(text);
 }
 
 // ---- bus wire format -----------------------------------------------------------------------

@@ -63,6 +63,11 @@ struct Memory {
 Memory parseSmapsRollup(const std::string& text);
 Memory readMemory(pid_t pid);
 
+// User plus system CPU time of a whole process (all its threads, live or ended) from the
+// utime and stime fields of /proc/PID/stat text; -1 when the text does not parse.
+double parseCpuSeconds(const std::string& statText);
+double cpuSeconds(pid_t pid);
+
 // ---- bus wire format -----------------------------------------------------------------------
 
 constexpr size_t kHeaderSize = 12;

@@ -4,7 +4,11 @@
 # starts a session process for each with orvexctl and runs every method, printing each call
 # and its reply. Everything it started is stopped on exit, whatever happens.
 # Run as root on Debian 12: it installs to /usr/local and uses /var/lock and /var/log/orvex.
+#   scripts/demo.sh [--installed]   --installed: use the programs already in /usr/local
+#                                   (e.g. from the .deb package); no build, no install.
 set -euo pipefail
+installed=0
+[ "${1:-}" = --installed ] && installed=1
 cd "$(dirname "$0")/.."
 
 if [ "$(id -u)" != 0 ]; then
@@ -47,11 +51,13 @@ run() {
 
 call() { run "$bin/orvexctl" call "$@"; }
 
-section "Dependencies, build and install"
-bash scripts/setup.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target orvex-session orvexctl orvex-devsim zs-call
-cmake --install build
+if [ "$installed" = 0 ]; then
+  section "Dependencies, build and install"
+  bash scripts/setup.sh
+  cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake --build build -j"$(nproc)" --target orvex-session orvexctl orvex-devsim zs-call
+  cmake --install build
+fi
 
 # The daemon and orvexctl use the appliance's /usr/sbin/lsof; Debian keeps lsof in /usr/bin.
 if [ ! -e /usr/sbin/lsof ]; then

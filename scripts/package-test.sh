@@ -21,8 +21,23 @@ passed=0
 failed=0
 work=$(mktemp -d /tmp/orvex-package-test.XXXXXX)
 cleanup_package=0
+# dpkg -r also removes the package's folders once they are empty, and no Debian package
+# owns /usr/local/sbin or /usr/local/bin: put back the ones that were there before.
+local_dirs=()
+for d in /usr/local/sbin /usr/local/bin; do
+  [ -d "$d" ] && local_dirs+=("$d:$(stat -c '%a:%U:%G' "$d")")
+done
+restore_local_dirs() {
+  local entry d mode owner group
+  for entry in "${local_dirs[@]}"; do
+    IFS=: read -r d mode owner group <<< "$entry"
+    [ -d "$d" ] && continue
+    mkdir -p "$d" && chmod "$mode" "$d" && chown "$owner:$group" "$d"
+  done
+}
 cleanup() {
   [ $cleanup_package = 1 ] && dpkg -r orvex-session >/dev/null 2>&1
+  restore_local_dirs
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -216,6 +231,7 @@ test_amd64() {
   fi
   check "amd64: dpkg -r removes" silently dpkg -r orvex-session
   cleanup_package=0
+  restore_local_dirs
   check "amd64: no longer installed" not_installed
   check "amd64: none of its files left in /usr/local" nothing_left "$deb"
 }
