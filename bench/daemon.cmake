@@ -34,8 +34,12 @@ if(TARGET orvex-session AND TARGET orvex-devsim)
   # processes, goals) against the real bus library; bench/run.sh runs them first.
   find_package(GTest QUIET)
   if(GTest_FOUND)
-    add_executable(orvex_daemon_bench_test ${CMAKE_CURRENT_LIST_DIR}/daemon_bench_test.cpp)
-    target_link_libraries(orvex_daemon_bench_test PRIVATE orvex_bench_support orvex::zservice
-      GTest::gtest GTest::gtest_main)
+    add_executable(orvex_daemon_bench_test ${CMAKE_CURRENT_LIST_DIR}/daemon_bench_test.cpp
+      ${CMAKE_CURRENT_LIST_DIR}/daemon_fixture_test.cpp ${CMAKE_CURRENT_LIST_DIR}/daemon_fixture.cpp)
+    target_link_libraries(orvex_daemon_bench_test PRIVATE orvex_bench_support orvex::zservice orvex::common
+      Poco::NetSSL Poco::Net Poco::Foundation OpenSSL::SSL PkgConfig::JANSSON GTest::gtest GTest::gtest_main)
+    target_compile_definitions(orvex_daemon_bench_test PRIVATE
+      ORVEX_BENCH_DAEMON="$<TARGET_FILE:orvex-session>" ORVEX_BENCH_DEVSIM="$<TARGET_FILE:orvex-devsim>")
+    add_dependencies(orvex_daemon_bench_test orvex-session orvex-devsim)
   endif()
 endif()

@@ -35,6 +35,8 @@ public:
     int port() const { return port_; }
     bool tls() const { return tls_; }
     std::string url(const std::string& path) const;
+    // Ends the simulator now; its port refuses from then on.
+    void stop() { process_->stop(); }
 
 private:
     std::unique_ptr<Process> process_;

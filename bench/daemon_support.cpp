@@ -1,5 +1,6 @@
 #include "bench/daemon_support.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -145,31 +146,33 @@ Memory readMemory(pid_t pid)
     return parseSmapsRollup(text.str());
 }
 
-double parseCpuSeconds(const std::string& statText)
+double parseSchedstatSeconds(const std::string& schedstatText)
 {
-    // The command name may hold spaces and parentheses; the fields start after the last ')'.
-    const size_t close = statText.rfind(')');
-    if (close == std::string::npos)
+    std::istringstream fields(schedstatText);
+    unsigned long long nanoseconds = 0;
+    if (!(fields >> nanoseconds))
         return -1;
-    std::istringstream fields(statText.substr(close + 1));
-    std::string field;
-    double ticks = 0;
-    // utime and stime are fields 14 and 15; the first after ')' is field 3.
-    for (int number = 3; number <= 15; ++number) {
-        if (!(fields >> field))
-            return -1;
-        if (number >= 14)
-            ticks += std::strtod(field.c_str(), nullptr);
-    }
-    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+    return static_cast<double>(nanoseconds) / 1e9;
 }
 
 double cpuSeconds(pid_t pid)
 {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    std::getline(in, text);
-    return parseCpuSeconds(text);
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    DIR* dir = opendir(tasks.c_str());
+    if (!dir)
+        return -1;
+    double total = 0;
+    while (const dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.')
+            continue;
+        std::ifstream in(tasks + "/" + entry->d_name + "/schedstat");
+        std::string text;
+        std::getline(in, text);
+        const double seconds = parseSchedstatSeconds(text);
+        total += seconds > 0 ? seconds : 0;
+    }
+    closedir(dir);
+    return total;
 }
 
 // ---- bus wire format -----------------------------------------------------------------------

@@ -63,9 +63,11 @@ struct Memory {
 Memory parseSmapsRollup(const std::string& text);
 Memory readMemory(pid_t pid);
 
-// User plus system CPU time of a whole process (all its threads, live or ended) from the
-// utime and stime fields of /proc/PID/stat text; -1 when the text does not parse.
-double parseCpuSeconds(const std::string& statText);
+// CPU time a thread has run, from the first field (nanoseconds) of its
+// /proc/PID/task/TID/schedstat text; -1 when the text does not parse.
+double parseSchedstatSeconds(const std::string& schedstatText);
+// Sum over the live threads of a process: exact, unlike the tick-sampled utime/stime.
+// Threads that end in between are not counted (the measured servers keep theirs).
 double cpuSeconds(pid_t pid);
 
 // ---- bus wire format -----------------------------------------------------------------------

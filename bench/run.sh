@@ -32,7 +32,7 @@ if cmake --build "$build" --target help | grep 'orvex_daemon_bench_test' >/dev/n
 fi
 nice cmake --build "$build" -j2 --target "${targets[@]}" >/dev/null
 if [ -x "$build/bench/orvex_daemon_bench_test" ]; then
-  "$build/bench/orvex_daemon_bench_test" --gtest_brief=1 >&2
+  "$root/tests/isolate.sh" "$build/bench/orvex_daemon_bench_test" --gtest_brief=1 >&2
 fi
 
 echo "bench/run.sh: $(nproc) CPUs, $(lscpu | sed -n 's/^Model name: *//p'), $(date -u +%Y-%m-%dT%H:%M:%SZ)" >&2

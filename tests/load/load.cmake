@@ -26,15 +26,9 @@ if(TARGET orvex-session AND TARGET orvex-devsim AND TARGET zs-call)
       ${CMAKE_CURRENT_LIST_DIR}/device_timeout_test.cpp
     LIBS ${ORVEX_LOAD_LIBS}
     ISOLATED
-    LABELS load)
+    LABELS load slow)
   foreach(test load_faults load_slow)
     target_compile_definitions(${test} PRIVATE ${ORVEX_LOAD_DEFINITIONS})
     add_dependencies(${test} orvex-session orvex-devsim zs-call)
   endforeach()
-  # orvex_add_gtest hands its labels to test discovery as a flat property list, where a
-  # second label is lost; the slow ones get both labels here, after discovery has run.
-  set(ORVEX_LOAD_SLOW_LABELS ${CMAKE_CURRENT_BINARY_DIR}/load_slow_labels.cmake)
-  file(WRITE ${ORVEX_LOAD_SLOW_LABELS}
-    "if(load_slow_TESTS)\n  set_tests_properties(\${load_slow_TESTS} PROPERTIES LABELS \"load;slow\")\nendif()\n")
-  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${ORVEX_LOAD_SLOW_LABELS})
 endif()

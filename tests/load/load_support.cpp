@@ -125,6 +125,14 @@ SignedInDaemon::SignedInDaemon(const std::vector<std::string>& simulatorExtra)
     systemInfo = info.body;
 }
 
+SignedInDaemon::~SignedInDaemon()
+{
+    // Sanitizer builds report races and memory errors as they happen, on standard error.
+    std::string log = daemon.log();
+    for (const char* mark : {"WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "runtime error:"})
+        EXPECT_EQ(log.find(mark), std::string::npos) << "orvex-session:\n" << log;
+}
+
 namespace {
 
 long countFds(pid_t pid)

@@ -48,8 +48,12 @@ private:
 };
 
 // A daemon (orvex-session -d) signed in to a simulator of the legacy family.
+// At its end it fails the running test if a sanitizer reported on the daemon's console.
 struct SignedInDaemon {
     explicit SignedInDaemon(const std::vector<std::string>& simulatorExtra = {});
+    ~SignedInDaemon();
+    SignedInDaemon(const SignedInDaemon&) = delete;
+    SignedInDaemon& operator=(const SignedInDaemon&) = delete;
     Simulator device;
     e2e::Daemon daemon;
     std::string systemInfo;  // the checked reply body of get_device_system_info
