@@ -41,5 +41,13 @@ if(TARGET orvex-session AND TARGET orvex-devsim)
     target_compile_definitions(orvex_daemon_bench_test PRIVATE
       ORVEX_BENCH_DAEMON="$<TARGET_FILE:orvex-session>" ORVEX_BENCH_DEVSIM="$<TARGET_FILE:orvex-devsim>")
     add_dependencies(orvex_daemon_bench_test orvex-session orvex-devsim)
+    if(ORVEX_TESTS)
+      # Also part of the test suite, in the private namespace the daemons need.
+      include(GoogleTest)
+      set_property(TARGET orvex_daemon_bench_test PROPERTY CROSSCOMPILING_EMULATOR
+        ${CMAKE_SOURCE_DIR}/tests/isolate.sh)
+      gtest_discover_tests(orvex_daemon_bench_test DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+        TEST_PREFIX "bench_test." PROPERTIES TIMEOUT 300)
+    endif()
   endif()
 endif()

@@ -44,7 +44,7 @@ std::string readBody(Poco::Net::HTTPServerRequest& request)
 
 std::string bearerOf(const Poco::Net::HTTPServerRequest& request)
 {
-    const std::string& value = request.get("Authorization", "");
+    const std::string value = request.get("Authorization", "");  // a copy: get() may return its default
     if (value.size() < 7 || Poco::icompare(value.substr(0, 7), "bearer ") != 0)
         return "";
     return Poco::trim(value.substr(7));
