@@ -1,11 +1,7 @@
 // How replies travel: through the caller's descriptor, to a caller that has gone, and the
 // plain-text help through the command-line bus client.
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cstddef>
 #include <cstring>
 
 #include "tests/e2e/support.h"
@@ -44,34 +40,13 @@ TEST(BusReplies, ReplyGoesToThePassedDescriptorBehindItsHeader)
     EXPECT_EQ(written, kHeader + R"({"error_code":400,"error_message":"id missed"})");
 }
 
-// Sends one call frame on a raw connection and returns the connection.
-Orvex::UniqueFd sendCall(const std::string& mac, const std::string& method, const std::string& body)
-{
-    Orvex::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::string name = busAddress(mac).substr(1);
-    std::memcpy(address.sun_path + 1, name.data(), name.size());
-    socklen_t size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    if (connect(fd.get(), reinterpret_cast<sockaddr*>(&address), size) != 0)
-        return Orvex::UniqueFd();
-    std::string frame = {'Z', 'S', 1, 'C'};
-    for (uint32_t n : {static_cast<uint32_t>(method.size()), static_cast<uint32_t>(body.size())})
-        for (int i = 0; i < 4; ++i)
-            frame += static_cast<char>((n >> (8 * i)) & 0xff);
-    frame += method + body;
-    if (write(fd.get(), frame.data(), frame.size()) != static_cast<ssize_t>(frame.size()))
-        return Orvex::UniqueFd();
-    return fd;
-}
-
 TEST(BusReplies, CallerThatHangsUpStillGetsTheDeviceChanged)
 {
     E2E_REQUIRE_ISOLATION();
     SignedIn s("legacy", true, "00:11:22:33:44:55", {"--delay-ms", "300"});
-    Orvex::UniqueFd caller = sendCall(s.daemon.mac(), "add_device_rsyslog_client",
-        R"({"address":"192.0.2.20","mode":3,"port":514})");
+    Orvex::UniqueFd caller(rawConnect(busAddress(s.daemon.mac())));
     ASSERT_TRUE(caller);
+    ASSERT_TRUE(sendAll(caller.get(), callFrame("add_device_rsyslog_client", R"({"address":"192.0.2.20","mode":3,"port":514})")));
     // Hang up while the device is still working on the request.
     ASSERT_TRUE(waitFor([&] { return !s.device.requestsTo("POST", "/orvex/v1/rsyslog/client?").empty(); }));
     caller.reset();

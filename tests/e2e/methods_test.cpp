@@ -44,22 +44,15 @@ protected:
         return json;
     }
 
-    // The one request the device saw for this method and target.
-    JsonRef seen(const std::string& method, const std::string& target)
+    // The body of the one request the device saw for this method and target.
+    std::string seen(const std::string& method, const std::string& target)
     {
-        std::vector<JsonRef> requests = session_->device.requestsTo(method, target);
-        std::vector<JsonRef> exact;
-        for (JsonRef& r : requests)
-            if (target == json_string_value(json_object_get(r.get(), "target")))
+        std::vector<Logged> exact;
+        for (Logged& r : session_->device.requestsTo(method, target))
+            if (r.target == target)
                 exact.push_back(std::move(r));
         EXPECT_EQ(exact.size(), 1u) << method << " " << target;
-        return exact.empty() ? JsonRef() : std::move(exact.back());
-    }
-
-    static std::string body(const JsonRef& request)
-    {
-        const char* text = json_string_value(json_object_get(request.get(), "body"));
-        return text ? text : "(none)";
+        return exact.empty() ? "(none)" : exact.back().body;
     }
 
     std::unique_ptr<SignedIn> session_;
@@ -103,15 +96,15 @@ TEST_P(Methods, SyslogConfigurationIsReadAndSwitched)
 
     JsonRef manager = call("set_device_rsyslog_client_config", R"({"bsd":true,"orvex":false})");
     expectJson(manager.get(), R"({"success":true,"client":{"bsd":true,"orvex":false}})");
-    EXPECT_EQ(body(seen("PUT", "/orvex/v1/rsyslog/client/config")), R"({"bsd":true,"orvex":false})");
+    EXPECT_EQ(seen("PUT", "/orvex/v1/rsyslog/client/config"), R"({"bsd":true,"orvex":false})");
 
     // Switching the server off goes out as an empty body with the session id in the query.
     JsonRef server = call("set_device_rsyslog_server_config", R"({"tcp_port":1601,"udp_enable":true})");
     expectJson(json_object_get(server.get(), "server"),
         R"({"enable":false,"tcp_enable":true,"tls_enable":false,"udp_enable":true,"tcp_port":514,"udp_port":514})");
-    std::vector<JsonRef> puts = session_->device.requestsTo("PUT", "/orvex/v1/rsyslog/server/config?sid=");
+    std::vector<Logged> puts = session_->device.requestsTo("PUT", "/orvex/v1/rsyslog/server/config?sid=");
     ASSERT_EQ(puts.size(), 1u);
-    EXPECT_EQ(body(puts[0]), "");
+    EXPECT_EQ(puts[0].body, "");
 
     JsonRef after = call("get_device_rsyslog_config");
     expectJson(json_object_get(after.get(), "client"), R"({"bsd":true,"orvex":false})");
@@ -152,39 +145,39 @@ TEST_P(Methods, DestinationsAreAddedChangedSwitchedTestedAndDeleted)
     JsonRef added = call("add_device_rsyslog_client", R"({"address":"192.0.2.10","mode":3,"port":514,"event":true})");
     expectJson(added.get(), R"({"success":true,"id":1})");
     // Adding carries the session id in the query; changing the same client does not.
-    std::vector<JsonRef> posts = session_->device.requestsTo("POST", "/orvex/v1/rsyslog/client?sid=");
+    std::vector<Logged> posts = session_->device.requestsTo("POST", "/orvex/v1/rsyslog/client?sid=");
     ASSERT_EQ(posts.size(), 1u);
-    EXPECT_EQ(body(posts[0]),
+    EXPECT_EQ(posts[0].body,
         R"({"address":"192.0.2.10","mode":3,"port":514,"bsd":false,"event":true,"access":false,"enable":false})");
 
     JsonRef changed = call("set_device_rsyslog_client",
         R"({"id":1,"address":"192.0.2.11","mode":1,"port":1514,"access":true,"enable":true})");
     expectJson(changed.get(), R"({"success":true,"id":1})");
-    EXPECT_EQ(body(seen("PUT", "/orvex/v1/rsyslog/client/1")),
+    EXPECT_EQ(seen("PUT", "/orvex/v1/rsyslog/client/1"),
         R"({"address":"192.0.2.11","mode":1,"port":1514,"bsd":false,"event":false,"access":true,"enable":true})");
 
     // Only the first of several ids is acted on.
     expectJson(call("set_device_rsyslog_client_disable", R"({"id":[1,9]})").get(),
         R"({"success":true,"id":1,"enable":false})");
-    EXPECT_EQ(body(seen("PUT", "/orvex/v1/rsyslog/client/1/disable")), "");
+    EXPECT_EQ(seen("PUT", "/orvex/v1/rsyslog/client/1/disable"), "");
     expectJson(call("set_device_rsyslog_client_enable", R"({"id":"1"})").get(), R"({"success":true,"id":1,"enable":true})");
     seen("PUT", "/orvex/v1/rsyslog/client/1/enable");
 
     JsonRef list = call("get_device_rsyslog_client", R"({"ignored":true})");
     expectJson(list.get(), R"({"success":true,"clients":[{"id":1,"address":"192.0.2.11","mode":1,"port":1514,
         "bsd":false,"event":false,"access":true,"enable":true}]})");
-    EXPECT_EQ(body(seen("GET", "/orvex/v1/rsyslog/client")), "{}");
+    EXPECT_EQ(seen("GET", "/orvex/v1/rsyslog/client"), "{}");
 
     UdpSink sink;
     ASSERT_GT(sink.port(), 0);
     std::string test = R"({"mode":3,"address":"127.0.0.1","port":)" + std::to_string(sink.port()) + "}";
     expectJson(call("add_device_rsyslog_client_test", test).get(), R"({"success":true,"sent":true})");
-    EXPECT_EQ(body(seen("POST", "/orvex/v1/rsyslog/client/test")),
+    EXPECT_EQ(seen("POST", "/orvex/v1/rsyslog/client/test"),
         R"({"mode":3,"address":"127.0.0.1","port":)" + std::to_string(sink.port()) + R"(,"bsd":false})");
     EXPECT_FALSE(sink.receive().empty());
 
     expectJson(call("del_device_rsyslog_client", R"({"id":1})").get(), R"({"success":true,"id":1})");
-    EXPECT_EQ(body(seen("DELETE", "/orvex/v1/rsyslog/client/1")), "");
+    EXPECT_EQ(seen("DELETE", "/orvex/v1/rsyslog/client/1"), "");
     expectJson(json_object_get(call("get_device_rsyslog_client").get(), "clients"), "[]");
 }
 

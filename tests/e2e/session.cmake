@@ -4,9 +4,8 @@ if(TARGET orvex-session AND TARGET orvexctl AND TARGET orvex-devsim AND TARGET z
   set(ORVEX_E2E_DEFINITIONS
     ORVEX_E2E_DAEMON="$<TARGET_FILE:orvex-session>"
     ORVEX_E2E_CTL="$<TARGET_FILE:orvexctl>"
-    ORVEX_E2E_DEVSIM="$<TARGET_FILE:orvex-devsim>"
     ORVEX_E2E_ZSCALL="$<TARGET_FILE:zs-call>")
-  set(ORVEX_E2E_LIBS orvex::zservice orvex::common PkgConfig::JANSSON)
+  set(ORVEX_E2E_LIBS orvex_test_support)
 
   orvex_add_gtest(e2e_session
     SOURCES

@@ -53,7 +53,7 @@ TEST(VanishingCallers, DaemonKeepsServingAndLeaksNoDescriptors)
     BusReply reply = s.daemon.call("get_device_system_info");
     double drainS = secondsSince(start);
     ProcessFigures after = settleFds(pid, before.fds);
-    size_t deviceCalls = s.device.requestsTo("/orvex/v1/rsyslog/config");
+    size_t deviceCalls = s.device.requestsTo("", "/orvex/v1/rsyslog/config").size();
 
     LOAD_FIGURES("vanishing callers: %zu sent and hung up in %.3f s, next caller answered after %.3f s; device saw "
                  "%zu of %zu device calls; daemon fds %ld -> %ld, VmRSS %ld kB -> %ld kB",
@@ -79,7 +79,7 @@ TEST(MisbehavingDevice, HangupEndsTheProcessAfterAConnectionFailReply)
     ASSERT_EQ(reply.rc, 0) << std::strerror(reply.error);
     EXPECT_TRUE(sameJson(reply.body, kConnectionFail)) << reply.body;
     EXPECT_EQ(status, 0) << s.daemon.log();
-    EXPECT_EQ(s.device.requestsTo("/orvex/v1/rsyslog/config"), 1u);
+    EXPECT_EQ(s.device.requestsTo("", "/orvex/v1/rsyslog/config").size(), 1u);
 }
 
 TEST(MisbehavingDevice, GarbageAnswersGiveEmptyRepliesAndTheDaemonKeepsServing)
@@ -102,7 +102,7 @@ TEST(MisbehavingDevice, GarbageAnswersGiveEmptyRepliesAndTheDaemonKeepsServing)
     ProcessFigures after = settleFds(pid, before.fds);
     LOAD_FIGURES("garbage device: %zu of %zu replies empty objects; daemon fds %ld -> %ld, VmRSS %ld kB -> %ld kB",
         empty, kCalls, before.fds, after.fds, before.rssKb, after.rssKb);
-    EXPECT_EQ(s.device.requestsTo("/orvex/v1/rsyslog/config"), kCalls);
+    EXPECT_EQ(s.device.requestsTo("", "/orvex/v1/rsyslog/config").size(), kCalls);
     EXPECT_EQ(info.body, s.systemInfo);
     EXPECT_LE(after.fds, before.fds);
     EXPECT_TRUE(s.daemon.process().running()) << s.daemon.log();

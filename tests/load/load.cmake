@@ -4,14 +4,13 @@
 if(TARGET orvex-session AND TARGET orvex-devsim AND TARGET zs-call)
   set(ORVEX_LOAD_DEFINITIONS
     ORVEX_E2E_DAEMON="$<TARGET_FILE:orvex-session>"
-    ORVEX_E2E_DEVSIM="$<TARGET_FILE:orvex-devsim>"
     ORVEX_E2E_ZSCALL="$<TARGET_FILE:zs-call>"
     # The front end is not used here; the support code only names it.
     ORVEX_E2E_CTL="")
   set(ORVEX_LOAD_SUPPORT
     ${CMAKE_SOURCE_DIR}/tests/e2e/support.cpp
     ${CMAKE_CURRENT_LIST_DIR}/load_support.cpp)
-  set(ORVEX_LOAD_LIBS orvex::zservice orvex::common PkgConfig::JANSSON)
+  set(ORVEX_LOAD_LIBS orvex_test_support)
 
   orvex_add_gtest(load_faults
     SOURCES ${ORVEX_LOAD_SUPPORT}

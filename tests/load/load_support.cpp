@@ -1,19 +1,11 @@
 #include "tests/load/load_support.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -22,90 +14,8 @@ namespace load {
 
 const char* const kMac = "00:11:22:33:44:55";
 
-namespace {
-
-std::string readReadyLine(int fd)
-{
-    std::string line;
-    auto deadline = std::chrono::steady_clock::now() + 15s;
-    while (line.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 100) <= 0)
-            continue;
-        char buffer[256];
-        ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n <= 0)
-            break;
-        line.append(buffer, static_cast<size_t>(n));
-    }
-    return line;
-}
-
-}  // namespace
-
-Simulator::Simulator(const std::string& family, const std::vector<std::string>& extra)
-{
-    int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0)
-        throw std::runtime_error("pipe failed");
-    e2e::Spawn spawn{{e2e::devsimBinary(), "--family", family, "--port", "0", "--log", dir_.file("requests.log"),
-                         "--stdin-watch"},
-        {}, "", dir_.file("stderr"), true, out[1]};
-    spawn.argv.insert(spawn.argv.end(), extra.begin(), extra.end());
-    child_ = std::make_unique<e2e::Child>(spawn);
-    close(out[1]);
-    stdout_.reset(out[0]);
-    std::string line = readReadyLine(stdout_.get());
-    size_t colon = line.rfind(':');
-    if (line.rfind("orvex-devsim listening on ", 0) != 0 || colon == std::string::npos)
-        throw std::runtime_error("orvex-devsim did not start: " + line + e2e::readFile(dir_.file("stderr")));
-    port_ = std::atoi(line.c_str() + colon + 1);
-}
-
-Simulator::~Simulator()
-{
-    thaw();
-    child_->signal(SIGTERM);
-    if (child_->wait(5s) == -1)
-        child_->signal(SIGKILL);
-}
-
-void Simulator::freeze()
-{
-    child_->signal(SIGSTOP);
-    frozen_ = true;
-}
-
-void Simulator::thaw()
-{
-    if (frozen_)
-        child_->signal(SIGCONT);
-    frozen_ = false;
-}
-
-std::string Simulator::signinArgs() const
-{
-    JsonRef args = JsonRef::adopt(
-        json_pack("{ss si ss ss sb}", "ip", "127.0.0.1", "port", port_, "user", "admin", "pass", "secret", "secure", 0));
-    return e2e::dump(args.get());
-}
-
-size_t Simulator::requestsTo(const std::string& prefix) const
-{
-    std::istringstream lines(e2e::readFile(dir_.file("requests.log")));
-    std::string line;
-    size_t count = 0;
-    while (std::getline(lines, line)) {
-        JsonRef entry = e2e::parseJson(line);
-        const char* target = json_string_value(json_object_get(entry.get(), "target"));
-        if (target && std::string(target).rfind(prefix, 0) == 0)
-            ++count;
-    }
-    return count;
-}
-
 SignedInDaemon::SignedInDaemon(const std::vector<std::string>& simulatorExtra)
-    : device("legacy", simulatorExtra), daemon(kMac)
+    : device("legacy", false, simulatorExtra), daemon(kMac)
 {
     if (!daemon.ready())
         throw std::runtime_error("orvex-session did not come up: " + daemon.log());
@@ -182,40 +92,6 @@ ProcessFigures restingFigures(pid_t pid)
         low.rssKb = now.rssKb;
     }
     return low;
-}
-
-Orvex::UniqueFd connectBus(const std::string& mac)
-{
-    Orvex::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::string name = e2e::busAddress(mac).substr(1);  // abstract: leading NUL instead of '@'
-    std::memcpy(address.sun_path + 1, name.data(), name.size());
-    socklen_t size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    if (!fd || connect(fd.get(), reinterpret_cast<sockaddr*>(&address), size) != 0)
-        return Orvex::UniqueFd();
-    return fd;
-}
-
-bool sendAll(int fd, const std::string& bytes)
-{
-    size_t sent = 0;
-    while (sent < bytes.size()) {
-        ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0)
-            return false;
-        sent += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-std::string callFrame(const std::string& method, const std::string& body)
-{
-    std::string frame = {'Z', 'S', 1, 'C'};
-    for (uint32_t n : {static_cast<uint32_t>(method.size()), static_cast<uint32_t>(body.size())})
-        for (int i = 0; i < 4; ++i)
-            frame += static_cast<char>((n >> (8 * i)) & 0xff);
-    return frame + method + body;
 }
 
 double secondsSince(std::chrono::steady_clock::time_point start)

@@ -1,5 +1,4 @@
-// Load and fault test support on top of the end-to-end helpers: a simulator whose process
-// the test can stop and continue, a signed-in daemon, the daemon's descriptor and memory
+// Load and fault test support on top of the end-to-end helpers: a signed-in daemon, the daemon's descriptor and memory
 // figures, raw bus connections that stop half-way, and many callers at once.
 // Everything runs on loopback inside tests/isolate.sh; the helpers are for one test thread
 // except runCallers, which starts its own threads and joins them before it returns.
@@ -25,28 +24,6 @@ using namespace std::chrono_literals;
 // The standard mac of these tests; every test runs in its own namespace.
 extern const char* const kMac;
 
-// orvex-devsim on an ephemeral loopback port, like e2e::Devsim, but with its process at
-// hand so that a test can freeze it (SIGSTOP) and let it go again.
-class Simulator {
-public:
-    Simulator(const std::string& family, const std::vector<std::string>& extra = {});
-    ~Simulator();
-    int port() const { return port_; }
-    pid_t pid() const { return child_->pid(); }
-    void freeze();
-    void thaw();
-    std::string signinArgs() const;
-    // Requests logged so far whose target starts with prefix.
-    size_t requestsTo(const std::string& prefix) const;
-
-private:
-    e2e::TempDir dir_;
-    std::unique_ptr<e2e::Child> child_;
-    Orvex::UniqueFd stdout_;
-    int port_ = 0;
-    bool frozen_ = false;
-};
-
 // A daemon (orvex-session -d) signed in to a simulator of the legacy family.
 // At its end it fails the running test if a sanitizer reported on the daemon's console.
 struct SignedInDaemon {
@@ -54,7 +31,7 @@ struct SignedInDaemon {
     ~SignedInDaemon();
     SignedInDaemon(const SignedInDaemon&) = delete;
     SignedInDaemon& operator=(const SignedInDaemon&) = delete;
-    Simulator device;
+    e2e::Devsim device;
     e2e::Daemon daemon;
     std::string systemInfo;  // the checked reply body of get_device_system_info
 };
@@ -73,10 +50,12 @@ ProcessFigures settleFds(pid_t pid, long fds, std::chrono::milliseconds timeout 
 ProcessFigures restingFigures(pid_t pid);
 
 // A bus connection to the device's service, made by hand; sends whatever it is given.
-Orvex::UniqueFd connectBus(const std::string& mac);
-bool sendAll(int fd, const std::string& bytes);
-// A whole call frame for method with body.
-std::string callFrame(const std::string& method, const std::string& body);
+inline Orvex::UniqueFd connectBus(const std::string& mac)
+{
+    return Orvex::UniqueFd(e2e::rawConnect(e2e::busAddress(mac)));
+}
+using e2e::callFrame;
+using e2e::sendAll;
 
 // Runs `callers` threads that share `total` calls; call(index) does call number index
 // and returns an empty string when its reply was right, else what was wrong.

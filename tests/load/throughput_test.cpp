@@ -12,8 +12,12 @@ constexpr size_t kWarmUpCalls = 320;
 constexpr size_t kCalls = 20000;
 constexpr size_t kDeviceCallEvery = 50;  // one call in this many goes to the device
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-// Sanitizer runtimes keep per-allocation history that grows with the work done.
+#if defined(__SANITIZE_ADDRESS__)
+// AddressSanitizer keeps freed blocks in its quarantine (up to 256 MB), so resident memory
+// says nothing there; its leak checker watches the daemon instead.
+constexpr long kRssMarginKb = -1;
+#elif defined(__SANITIZE_THREAD__)
+// ThreadSanitizer keeps per-allocation history that grows with the work done.
 constexpr long kRssMarginKb = 16384;
 #else
 constexpr long kRssMarginKb = 1024;
@@ -55,12 +59,12 @@ TEST(Throughput, ManyConcurrentCallersGetRightRepliesAndLeaveNothingBehind)
     LoadResult warmUp = runCallers(kCallers, kWarmUpCalls, call);
     ASSERT_EQ(warmUp.wrong, 0u) << warmUp.firstWrong;
     ProcessFigures before = restingFigures(pid);
-    size_t deviceBefore = s.device.requestsTo("/orvex/v1/rsyslog/config");
+    size_t deviceBefore = s.device.requestsTo("", "/orvex/v1/rsyslog/config").size();
 
     LoadResult result = runCallers(kCallers, kCalls, call);
     ProcessFigures after = settleFds(pid, before.fds);
     after = restingFigures(pid);
-    size_t deviceCalls = s.device.requestsTo("/orvex/v1/rsyslog/config") - deviceBefore;
+    size_t deviceCalls = s.device.requestsTo("", "/orvex/v1/rsyslog/config").size() - deviceBefore;
 
     LOAD_FIGURES("throughput: %zu calls (%zu to the device) from %zu callers in %.2f s = %.0f calls/s; "
                  "latency p50 %.2f ms, p99 %.2f ms, max %.2f ms",
@@ -74,7 +78,9 @@ TEST(Throughput, ManyConcurrentCallersGetRightRepliesAndLeaveNothingBehind)
     EXPECT_EQ(deviceCalls, kCalls / kDeviceCallEvery);
     EXPECT_TRUE(s.daemon.process().running()) << s.daemon.log();
     EXPECT_LE(after.fds, before.fds);
-    EXPECT_LE(after.rssKb, before.rssKb + kRssMarginKb);
+    if (kRssMarginKb >= 0) {
+        EXPECT_LE(after.rssKb, before.rssKb + kRssMarginKb);
+    }
 }
 
 }  // namespace

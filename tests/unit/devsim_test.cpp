@@ -10,18 +10,11 @@
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/StreamCopier.h>
-#include <Poco/TemporaryFile.h>
 #include <Poco/URI.h>
 
 #include <jansson.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
-#include <fstream>
 #include <memory>
 #include <regex>
 #include <string>
@@ -29,10 +22,10 @@
 #include <vector>
 
 #include "common/raii.h"
+#include "tests/support/devsim.h"
+#include "tests/support/process.h"
 
 using Orvex::JsonRef;
-
-extern char** environ;
 
 namespace {
 
@@ -53,114 +46,40 @@ Poco::Net::Context::Ptr clientContext()
     return context;
 }
 
-// One orvex-devsim child, stopped (SIGTERM) when the object goes. --stdin-watch ties its life
-// to our pipe as well, so a crashed test leaves nothing running.
-class Devsim {
-public:
-    explicit Devsim(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), ORVEX_DEVSIM_PATH);
-        args.push_back("--stdin-watch");
-        tls_ = std::find(args.begin(), args.end(), "--tls") != args.end();
-        spawn(args);
-        char line[256] = {};
-        if (!out_ || !fgets(line, sizeof line, out_))
-            return;
-        ready_ = line;
-        std::smatch m;
-        if (std::regex_match(ready_, m, std::regex("orvex-devsim listening on (https?)://127\\.0\\.0\\.1:(\\d+)\n")))
-            port_ = static_cast<uint16_t>(std::stoi(m[2]));
-    }
-
-    // A sanitizer report or a crash in the child shows up as a non-zero status here.
-    ~Devsim()
-    {
-        if (pid_ > 0) {
-            EXPECT_EQ(stop(), 0) << "orvex-devsim did not stop cleanly";
-        }
-        if (out_)
-            fclose(out_);
-    }
-
-    // Closes our end of its stdin and returns its exit status.
-    int stop()
-    {
-        if (pid_ <= 0)
-            return status_;
-        if (in_ >= 0)
-            close(in_);
-        in_ = -1;
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = 0;
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return status_;
-    }
-
-    uint16_t port() const { return port_; }
-    const std::string& readyLine() const { return ready_; }
-
-    Answer call(const std::string& method, const std::string& target, const std::string& body = "",
-                const Poco::Net::NameValueCollection& headers = {}, Poco::Net::Context::Ptr context = clientContext())
-    {
-        std::unique_ptr<Poco::Net::HTTPClientSession> session;
-        if (tls_)
-            session = std::make_unique<Poco::Net::HTTPSClientSession>("127.0.0.1", port_, context);
-        else
-            session = std::make_unique<Poco::Net::HTTPClientSession>("127.0.0.1", port_);
-        session->setTimeout(Poco::Timespan(10, 0));
-        Poco::Net::HTTPRequest request(method, target, Poco::Net::HTTPMessage::HTTP_1_1);
-        for (const auto& h : headers)
-            request.add(h.first, h.second);
-        request.setContentLength(static_cast<std::streamsize>(body.size()));
-        session->sendRequest(request) << body;
-        Poco::Net::HTTPResponse response;
-        std::istream& in = session->receiveResponse(response);
-        Answer answer;
-        answer.status = response.getStatus();
-        answer.contentType = response.getContentType();
-        Poco::StreamCopier::copyToString(in, answer.body);
-        return answer;
-    }
-
-    Answer get(const std::string& target, const Poco::Net::NameValueCollection& headers = {})
-    {
-        return call("GET", target, "", headers);
-    }
-
-private:
-    void spawn(const std::vector<std::string>& args)
-    {
-        int toChild[2], fromChild[2];
-        if (pipe(toChild) != 0 || pipe(fromChild) != 0)
-            throw std::runtime_error("pipe failed");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, toChild[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, fromChild[1], 1);
-        posix_spawn_file_actions_addclose(&actions, toChild[1]);
-        posix_spawn_file_actions_addclose(&actions, fromChild[0]);
-        std::vector<char*> argv;
-        for (const auto& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            pid_ = 0;
-        posix_spawn_file_actions_destroy(&actions);
-        close(toChild[0]);
-        close(fromChild[1]);
-        in_ = toChild[1];
-        out_ = fdopen(fromChild[0], "r");
-    }
-
-    pid_t pid_ = 0;
-    int in_ = -1;
-    FILE* out_ = nullptr;
-    bool tls_ = false;
-    uint16_t port_ = 0;
-    int status_ = -1;
-    std::string ready_;
+// The shared simulator, which must also end cleanly: a sanitizer report or a crash in the
+// child shows up as a non-zero status.
+struct Sim : Orvex::Test::Devsim {
+    using Devsim::Devsim;
+    ~Sim() { EXPECT_EQ(stop(), 0) << "orvex-devsim did not stop cleanly"; }
 };
+
+Answer call(const Sim& device, const std::string& method, const std::string& target, const std::string& body = "",
+            const Poco::Net::NameValueCollection& headers = {}, Poco::Net::Context::Ptr context = clientContext())
+{
+    std::unique_ptr<Poco::Net::HTTPClientSession> session;
+    if (device.tls())
+        session = std::make_unique<Poco::Net::HTTPSClientSession>("127.0.0.1", device.port(), context);
+    else
+        session = std::make_unique<Poco::Net::HTTPClientSession>("127.0.0.1", device.port());
+    session->setTimeout(Poco::Timespan(10, 0));
+    Poco::Net::HTTPRequest request(method, target, Poco::Net::HTTPMessage::HTTP_1_1);
+    for (const auto& h : headers)
+        request.add(h.first, h.second);
+    request.setContentLength(static_cast<std::streamsize>(body.size()));
+    session->sendRequest(request) << body;
+    Poco::Net::HTTPResponse response;
+    std::istream& in = session->receiveResponse(response);
+    Answer answer;
+    answer.status = response.getStatus();
+    answer.contentType = response.getContentType();
+    Poco::StreamCopier::copyToString(in, answer.body);
+    return answer;
+}
+
+Answer get(const Sim& device, const std::string& target, const Poco::Net::NameValueCollection& headers = {})
+{
+    return call(device, "GET", target, "", headers);
+}
 
 std::string between(const std::string& text, const std::string& open, const std::string& close)
 {
@@ -214,9 +133,9 @@ std::string base64(const std::string& text)
 // Its base64 holds '+', '/' and '=', which the legacy client posts raw.
 const std::string kAwkwardPass = "~~>???a";
 
-std::string legacySignin(Devsim& device, const std::string& pass = kAwkwardPass)
+std::string legacySignin(Sim& device, const std::string& pass = kAwkwardPass)
 {
-    Answer a = device.call("POST", "/cgi-bin/authLogin.cgi", "user=admin&pwd=" + base64(pass));
+    Answer a = call(device, "POST", "/cgi-bin/authLogin.cgi", "user=admin&pwd=" + base64(pass));
     return xmlValue(a.body, "authSid");
 }
 
@@ -243,9 +162,9 @@ Poco::Net::NameValueCollection bearer(const std::string& token)
     return headers;
 }
 
-std::string tokenSignin(Devsim& device)
+std::string tokenSignin(Sim& device)
 {
-    return jsonString(parse(device.get(tokenTarget("admin", "secret")).body), "access_token");
+    return jsonString(parse(get(device, tokenTarget("admin", "secret")).body), "access_token");
 }
 
 }  // namespace
@@ -253,10 +172,7 @@ std::string tokenSignin(Devsim& device)
 TEST(DevsimStartup, PrintsTheReadyLineAndEndsCleanlyWhenStdinCloses)
 {
     for (bool tls : {false, true}) {
-        std::vector<std::string> args{"--family", "legacy", "--port", "0"};
-        if (tls)
-            args.push_back("--tls");
-        Devsim device(args);
+        Sim device("legacy", tls);
         ASSERT_NE(device.port(), 0) << "ready line: " << device.readyLine();
         EXPECT_EQ(device.readyLine().rfind(tls ? "orvex-devsim listening on https://" : "orvex-devsim listening on http://", 0), 0u);
         EXPECT_EQ(device.stop(), 0);
@@ -265,151 +181,150 @@ TEST(DevsimStartup, PrintsTheReadyLineAndEndsCleanlyWhenStdinCloses)
 
 TEST(DevsimStartup, RefusesABadCommandLineWithStatus2)
 {
-    Devsim noFamily({"--port", "0"});
-    EXPECT_EQ(noFamily.readyLine(), "");
-    EXPECT_EQ(noFamily.stop(), 2);
-    Devsim badPort({"--family", "token", "--port", "70000"});
-    EXPECT_EQ(badPort.stop(), 2);
+    Orvex::Test::RunResult noFamily = Orvex::Test::run({ORVEX_DEVSIM, "--port", "0"});
+    EXPECT_EQ(noFamily.out, "");
+    EXPECT_EQ(noFamily.status, 2);
+    EXPECT_EQ(Orvex::Test::run({ORVEX_DEVSIM, "--family", "token", "--port", "70000"}).status, 2);
 }
 
 TEST(DevsimLegacy, AnswersTheWholeSessionOverHttpsWithRawBase64Password)
 {
-    Devsim device({"--family", "legacy", "--tls", "--pass", kAwkwardPass});
+    Sim device("legacy", true, {"--pass", kAwkwardPass});
     std::string sid = legacySignin(device);
     ASSERT_FALSE(sid.empty());
 
-    Answer info = device.get("/cgi-bin/authLogin.cgi?sid=" + sid);
+    Answer info = get(device, "/cgi-bin/authLogin.cgi?sid=" + sid);
     EXPECT_EQ(xmlValue(info.body, "displayModelName"), "NVX-4200");
     EXPECT_EQ(xmlValue(info.body, "version"), "4.3.6");
     EXPECT_EQ(xmlValue(info.body, "number"), "912");
     EXPECT_EQ(xmlValue(info.body, "hostname"), "nas-legacy");
     EXPECT_EQ(info.body.find("<VDocRoot>") != std::string::npos, true);
 
-    Answer serial = device.get("/cgi-bin/management/manaRequest.cgi?sid=" + sid + "&subfunc=sysinfo");
+    Answer serial = get(device, "/cgi-bin/management/manaRequest.cgi?sid=" + sid + "&subfunc=sysinfo");
     EXPECT_EQ(xmlValue(serial.body, "serial_number"), "LGC0001234");
 
-    EXPECT_EQ(xmlValue(device.call("POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed"), "1");
-    device.call("POST", "/cgi-bin/authLogout.cgi", "sid=" + sid + "&logout=1");
-    EXPECT_EQ(xmlValue(device.call("POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed"), "0");
+    EXPECT_EQ(xmlValue(call(device, "POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed"), "1");
+    call(device, "POST", "/cgi-bin/authLogout.cgi", "sid=" + sid + "&logout=1");
+    EXPECT_EQ(xmlValue(call(device, "POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed"), "0");
 }
 
 TEST(DevsimLegacy, RefusesWrongCredentialsAndDeadSessions)
 {
-    Devsim device({"--family", "legacy"});
-    Answer refused = device.call("POST", "/cgi-bin/authLogin.cgi", "user=admin&pwd=" + base64("wrong"));
+    Sim device("legacy", false);
+    Answer refused = call(device, "POST", "/cgi-bin/authLogin.cgi", "user=admin&pwd=" + base64("wrong"));
     EXPECT_EQ(xmlValue(refused.body, "authPassed"), "0");
     EXPECT_EQ(refused.body.find("authSid"), std::string::npos);
     EXPECT_EQ(legacySignin(device, "secret").empty(), false);
 
-    Answer info = device.get("/cgi-bin/authLogin.cgi?sid=deadbeef");
+    Answer info = get(device, "/cgi-bin/authLogin.cgi?sid=deadbeef");
     EXPECT_EQ(xmlValue(info.body, "authPassed"), "0");
     EXPECT_EQ(info.body.find("displayModelName"), std::string::npos);
-    EXPECT_EQ(device.get("/orvex/v1/rsyslog/config", legacyCookies("deadbeef", false)).status, 401);
+    EXPECT_EQ(get(device, "/orvex/v1/rsyslog/config", legacyCookies("deadbeef", false)).status, 401);
 }
 
 TEST(DevsimLegacy, ServesOnlyItsOwnFamilyPaths)
 {
-    Devsim device({"--family", "legacy"});
-    Answer foreign = device.get(tokenTarget("admin", "secret"));
+    Sim device("legacy", false);
+    Answer foreign = get(device, tokenTarget("admin", "secret"));
     EXPECT_EQ(foreign.status, 404);
     EXPECT_EQ(foreign.contentType, "text/html");
 }
 
 TEST(DevsimToken, AnswersTheWholeSessionOverHttps)
 {
-    Devsim device({"--family", "token", "--tls", "--user", "ad m&n+"});
-    JsonRef grant = parse(device.get(tokenTarget("ad m&n+", "secret")).body);
+    Sim device("token", true, {"--user", "ad m&n+"});
+    JsonRef grant = parse(get(device, tokenTarget("ad m&n+", "secret")).body);
     std::string access = jsonString(grant, "access_token");
     std::string refresh = jsonString(grant, "refresh_token");
     ASSERT_FALSE(access.empty());
     ASSERT_FALSE(refresh.empty());
     EXPECT_EQ(jsonString(grant, "token_type"), "bearer");
 
-    JsonRef info = parse(device.get("/system/firmware/info", bearer(access)).body);
+    JsonRef info = parse(get(device, "/system/firmware/info", bearer(access)).body);
     EXPECT_EQ(jsonString(info, "model", "display_name"), "ZEM-880");
     EXPECT_EQ(jsonString(info, "model", "server_name"), "nas-token");
     EXPECT_EQ(jsonString(info, "firmware", "version"), "5.1.2");
-    JsonRef system = parse(device.get("/zem/system?sid=" + access, bearer(access)).body);
+    JsonRef system = parse(get(device, "/zem/system?sid=" + access, bearer(access)).body);
     EXPECT_EQ(jsonString(system, "model", "serial_no"), "ZEM000987");
 
-    EXPECT_EQ(jsonString(parse(device.get("/zem/oauth/tokeninfo?access_token=" + access).body), "access_token"), access);
-    device.get("/zem/oauth/logout?access_token=" + access + "&refresh_token=" + refresh);
-    Answer after = device.get("/zem/oauth/tokeninfo?access_token=" + access);
+    EXPECT_EQ(jsonString(parse(get(device, "/zem/oauth/tokeninfo?access_token=" + access).body), "access_token"), access);
+    get(device, "/zem/oauth/logout?access_token=" + access + "&refresh_token=" + refresh);
+    Answer after = get(device, "/zem/oauth/tokeninfo?access_token=" + access);
     EXPECT_EQ(after.status, 401);
     EXPECT_TRUE(jsonString(parse(after.body), "access_token").empty());
 }
 
 TEST(DevsimToken, RequiresAValidBearerToken)
 {
-    Devsim device({"--family", "token"});
-    EXPECT_EQ(device.get(tokenTarget("admin", "nope")).status, 401);
-    EXPECT_EQ(device.get("/system/firmware/info").status, 401);
-    EXPECT_EQ(device.get("/system/firmware/info", bearer("forged")).status, 401);
+    Sim device("token", false);
+    EXPECT_EQ(get(device, tokenTarget("admin", "nope")).status, 401);
+    EXPECT_EQ(get(device, "/system/firmware/info").status, 401);
+    EXPECT_EQ(get(device, "/system/firmware/info", bearer("forged")).status, 401);
     std::string access = tokenSignin(device);
-    EXPECT_EQ(device.get("/orvex/v1/rsyslog/config", legacyCookies(access, false)).status, 401);
-    EXPECT_EQ(device.get("/orvex/v1/rsyslog/config", bearer(access)).status, 200);
-    EXPECT_EQ(device.get("/cgi-bin/authLogin.cgi").status, 404);
+    EXPECT_EQ(get(device, "/orvex/v1/rsyslog/config", legacyCookies(access, false)).status, 401);
+    EXPECT_EQ(get(device, "/orvex/v1/rsyslog/config", bearer(access)).status, 200);
+    EXPECT_EQ(get(device, "/cgi-bin/authLogin.cgi").status, 404);
 }
 
 TEST(DevsimRsyslog, KeepsTheClientListAndSettings)
 {
-    Devsim device({"--family", "legacy"});
+    Sim device("legacy", false);
     std::string sid = legacySignin(device, "secret");
     auto cookies = legacyCookies(sid, false);
     const std::string client = "/orvex/v1/rsyslog/client";
     const std::string body = R"({"address":"10.0.0.5","mode":3,"port":514,"bsd":false,"event":true,"access":false,"enable":true})";
 
-    JsonRef added = parse(device.call("POST", client + "?sid=" + sid, body, cookies).body);
+    JsonRef added = parse(call(device, "POST", client + "?sid=" + sid, body, cookies).body);
     json_int_t id = jsonInt(added, "id");
     ASSERT_GT(id, 0);
     std::string one = client + "/" + std::to_string(id);
-    EXPECT_EQ(device.call("PUT", one, R"({"address":"10.0.0.6","mode":1,"port":601})", cookies).status, 200);
-    EXPECT_EQ(device.call("PUT", one + "/disable", "", cookies).status, 200);
-    EXPECT_EQ(device.call("PUT", "/orvex/v1/rsyslog/client/config", R"({"bsd":true,"orvex":false})", cookies).status, 200);
+    EXPECT_EQ(call(device, "PUT", one, R"({"address":"10.0.0.6","mode":1,"port":601})", cookies).status, 200);
+    EXPECT_EQ(call(device, "PUT", one + "/disable", "", cookies).status, 200);
+    EXPECT_EQ(call(device, "PUT", "/orvex/v1/rsyslog/client/config", R"({"bsd":true,"orvex":false})", cookies).status, 200);
 
-    JsonRef config = parse(device.get("/orvex/v1/rsyslog/config", cookies).body);
+    JsonRef config = parse(get(device, "/orvex/v1/rsyslog/config", cookies).body);
     json_t* stored = json_array_get(json_object_get(config.get(), "clients"), 0);
     EXPECT_STREQ(json_string_value(json_object_get(stored, "address")), "10.0.0.6");
     EXPECT_EQ(json_integer_value(json_object_get(stored, "mode")), 1);
     EXPECT_TRUE(json_is_false(json_object_get(stored, "enable")));
     EXPECT_TRUE(json_is_true(json_object_get(json_object_get(config.get(), "client"), "bsd")));
 
-    EXPECT_EQ(device.call("DELETE", one, "", cookies).status, 200);
-    EXPECT_EQ(device.call("DELETE", one, "", cookies).status, 404);
-    EXPECT_EQ(device.call("PUT", one + "/enable", "", cookies).status, 404);
-    JsonRef list = parse(device.call("GET", client, "{}", cookies).body);
+    EXPECT_EQ(call(device, "DELETE", one, "", cookies).status, 200);
+    EXPECT_EQ(call(device, "DELETE", one, "", cookies).status, 404);
+    EXPECT_EQ(call(device, "PUT", one + "/enable", "", cookies).status, 404);
+    JsonRef list = parse(call(device, "GET", client, "{}", cookies).body);
     EXPECT_EQ(json_array_size(json_object_get(list.get(), "clients")), 0u);
 }
 
 TEST(DevsimRsyslog, RejectsBadBodiesButTakesTheEmptyServerConfig)
 {
-    Devsim device({"--family", "token"});
+    Sim device("token", false);
     auto auth = bearer(tokenSignin(device));
     const std::string client = "/orvex/v1/rsyslog/client";
-    EXPECT_EQ(device.call("POST", client, "not json", auth).status, 400);
-    EXPECT_EQ(device.call("POST", client, R"({"address":"h","mode":4,"port":514})", auth).status, 400);
-    EXPECT_EQ(device.call("POST", client, R"({"address":"h","mode":3})", auth).status, 400);
-    EXPECT_EQ(device.call("PUT", "/orvex/v1/rsyslog/server/config", R"({"tcp_port":0})", auth).status, 400);
+    EXPECT_EQ(call(device, "POST", client, "not json", auth).status, 400);
+    EXPECT_EQ(call(device, "POST", client, R"({"address":"h","mode":4,"port":514})", auth).status, 400);
+    EXPECT_EQ(call(device, "POST", client, R"({"address":"h","mode":3})", auth).status, 400);
+    EXPECT_EQ(call(device, "PUT", "/orvex/v1/rsyslog/server/config", R"({"tcp_port":0})", auth).status, 400);
 
-    EXPECT_EQ(device.call("PUT", "/orvex/v1/rsyslog/server/config", R"({"enable":true})", auth).status, 200);
-    Answer off = device.call("PUT", "/orvex/v1/rsyslog/server/config?sid=x", "", auth);
+    EXPECT_EQ(call(device, "PUT", "/orvex/v1/rsyslog/server/config", R"({"enable":true})", auth).status, 200);
+    Answer off = call(device, "PUT", "/orvex/v1/rsyslog/server/config?sid=x", "", auth);
     EXPECT_EQ(off.status, 200);
-    JsonRef config = parse(device.get("/orvex/v1/rsyslog/config", auth).body);
+    JsonRef config = parse(get(device, "/orvex/v1/rsyslog/config", auth).body);
     EXPECT_TRUE(json_is_false(json_object_get(json_object_get(config.get(), "server"), "enable")));
-    EXPECT_EQ(device.call("DELETE", "/orvex/v1/rsyslog/config", "", auth).status, 405);
-    EXPECT_EQ(device.get("/orvex/v1/rsyslog/nothing", auth).status, 404);
+    EXPECT_EQ(call(device, "DELETE", "/orvex/v1/rsyslog/config", "", auth).status, 405);
+    EXPECT_EQ(get(device, "/orvex/v1/rsyslog/nothing", auth).status, 404);
 }
 
 TEST(DevsimRsyslog, TestSendsOneSyslogLineToTheDestination)
 {
-    Devsim device({"--family", "legacy"});
+    Sim device("legacy", false);
     auto cookies = legacyCookies(legacySignin(device, "secret"), false);
     Poco::Net::DatagramSocket receiver(Poco::Net::SocketAddress("127.0.0.1", 0));
     receiver.setReceiveTimeout(Poco::Timespan(5, 0));
     std::string body = R"({"mode":3,"address":"127.0.0.1","port":)" + std::to_string(receiver.address().port()) +
                        R"(,"bsd":true})";
 
-    Answer sent = device.call("POST", "/orvex/v1/rsyslog/client/test", body, cookies);
+    Answer sent = call(device, "POST", "/orvex/v1/rsyslog/client/test", body, cookies);
     EXPECT_EQ(sent.status, 200);
     EXPECT_TRUE(json_is_true(json_object_get(parse(sent.body).get(), "sent")));
     char line[1024] = {};
@@ -418,7 +333,7 @@ TEST(DevsimRsyslog, TestSendsOneSyslogLineToTheDestination)
     EXPECT_TRUE(std::regex_search(line, std::regex("^<14>[A-Z][a-z]{2} .* nas-legacy orvex: "))) << line;
 
     // Nothing listens on TCP port 1: the answer says the line did not go out.
-    Answer refused = device.call("POST", "/orvex/v1/rsyslog/client/test",
+    Answer refused = call(device, "POST", "/orvex/v1/rsyslog/client/test",
                                  R"({"mode":1,"address":"127.0.0.1","port":1,"bsd":false})", cookies);
     EXPECT_EQ(refused.status, 502);
     EXPECT_TRUE(json_is_false(json_object_get(parse(refused.body).get(), "sent")));
@@ -426,56 +341,55 @@ TEST(DevsimRsyslog, TestSendsOneSyslogLineToTheDestination)
 
 TEST(DevsimFaults, OmitDropsNodesAndKeysAtAnyDepth)
 {
-    Devsim legacy({"--family", "legacy", "--omit", "hostname", "--omit", "serial_number"});
+    Sim legacy("legacy", false, {"--omit", "hostname", "--omit", "serial_number"});
     std::string sid = legacySignin(legacy, "secret");
-    EXPECT_EQ(legacy.get("/cgi-bin/authLogin.cgi?sid=" + sid).body.find("hostname"), std::string::npos);
-    Answer serial = legacy.get("/cgi-bin/management/manaRequest.cgi?sid=" + sid + "&subfunc=sysinfo");
+    EXPECT_EQ(get(legacy, "/cgi-bin/authLogin.cgi?sid=" + sid).body.find("hostname"), std::string::npos);
+    Answer serial = get(legacy, "/cgi-bin/management/manaRequest.cgi?sid=" + sid + "&subfunc=sysinfo");
     EXPECT_EQ(serial.body.find("serial_number"), std::string::npos);
     EXPECT_NE(serial.body.find("<root>"), std::string::npos);
 
-    Devsim token({"--family", "token", "--omit", "refresh_token"});
-    JsonRef grant = parse(token.get(tokenTarget("admin", "secret")).body);
+    Sim token("token", false, {"--omit", "refresh_token"});
+    JsonRef grant = parse(get(token, tokenTarget("admin", "secret")).body);
     EXPECT_FALSE(jsonString(grant, "access_token").empty());
     EXPECT_EQ(json_object_get(grant.get(), "refresh_token"), nullptr);
 }
 
 TEST(DevsimFaults, GarbageArrayAndHangupActOnTheirPrefixesOnly)
 {
-    Devsim device({"--family", "token", "--garbage", "/system/", "--json-array", "/zem/oauth/token",
-                   "--hangup", "/zem/system"});
-    Answer grant = device.get(tokenTarget("admin", "secret"));
+    Sim device("token", false, {"--garbage", "/system/", "--json-array", "/zem/oauth/token", "--hangup", "/zem/system"});
+    Answer grant = get(device, tokenTarget("admin", "secret"));
     JsonRef array = parse(grant.body);
     ASSERT_TRUE(json_is_array(array.get()));
     std::string access = jsonString(JsonRef::borrow(json_array_get(array.get(), 0)), "access_token");
     ASSERT_FALSE(access.empty());
 
-    Answer garbage = device.get("/system/firmware/info", bearer(access));
+    Answer garbage = get(device, "/system/firmware/info", bearer(access));
     EXPECT_EQ(parse(garbage.body).get(), nullptr);
     EXPECT_EQ(garbage.body.find('<'), std::string::npos);
-    EXPECT_THROW(device.get("/zem/system?sid=" + access, bearer(access)), Poco::Exception);
-    EXPECT_EQ(device.get("/zem/oauth/tokeninfo?access_token=" + access).status, 200);
+    EXPECT_THROW(get(device, "/zem/system?sid=" + access, bearer(access)), Poco::Exception);
+    EXPECT_EQ(get(device, "/zem/oauth/tokeninfo?access_token=" + access).status, 200);
 }
 
 TEST(DevsimFaults, ExpiredSessionsFailAliveChecksAndSyslogCalls)
 {
-    Devsim device({"--family", "legacy", "--expire-after", "2"});
+    Sim device("legacy", false, {"--expire-after", "2"});
     std::string sid = legacySignin(device, "secret");
-    EXPECT_EQ(xmlValue(device.call("POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed"), "1");
+    EXPECT_EQ(xmlValue(call(device, "POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed"), "1");
     // Poll rather than guess how far into its first second the session was made.
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (xmlValue(device.call("POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed") == "1" &&
+    while (xmlValue(call(device, "POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed") == "1" &&
            std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(xmlValue(device.call("POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed"), "0");
-    EXPECT_EQ(device.get("/orvex/v1/rsyslog/config", legacyCookies(sid, false)).status, 401);
+    EXPECT_EQ(xmlValue(call(device, "POST", "/cgi-bin/authLogin.cgi", "sid=" + sid).body, "authPassed"), "0");
+    EXPECT_EQ(get(device, "/orvex/v1/rsyslog/config", legacyCookies(sid, false)).status, 401);
 }
 
 TEST(DevsimTls, RefusesClientWhenOnlyTls10IsOfferedAndResumesSessions)
 {
-    Devsim old({"--family", "legacy", "--tls", "--tls10-only"});
-    EXPECT_THROW(old.get("/cgi-bin/authLogin.cgi"), Poco::Exception);
+    Sim old("legacy", true, {"--tls10-only"});
+    EXPECT_THROW(get(old, "/cgi-bin/authLogin.cgi"), Poco::Exception);
 
-    Devsim device({"--family", "legacy", "--tls"});
+    Sim device("legacy", true);
     // Poco 1.11 keeps the session it sees right after the handshake; under TLS 1.3 the
     // ticket only comes later, so resumption is checked over TLS 1.2.
     Poco::Net::Context::Ptr context = clientContext();
@@ -499,23 +413,19 @@ TEST(DevsimTls, RefusesClientWhenOnlyTls10IsOfferedAndResumesSessions)
 
 TEST(DevsimRequestLog, RecordsEveryRequestWithHeadersAndRawBody)
 {
-    Poco::TemporaryFile logFile;
-    Devsim device({"--family", "legacy", "--log", logFile.path()});
+    Sim device("legacy", false);
     std::string sid = legacySignin(device);  // refused: wrong password, still logged
-    device.call("POST", "/cgi-bin/authLogin.cgi", "user=admin&pwd=" + base64("secret"), legacyCookies("s1", false));
-    device.get("/orvex/v1/rsyslog/config");
-    device.get("/no/such/page?x=1");
-    device.stop();
+    call(device, "POST", "/cgi-bin/authLogin.cgi", "user=admin&pwd=" + base64("secret"), legacyCookies("s1", false));
+    get(device, "/orvex/v1/rsyslog/config");
+    get(device, "/no/such/page?x=1");
+    EXPECT_EQ(device.stop(), 0);
 
-    std::ifstream in(logFile.path());
-    std::vector<JsonRef> lines;
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(parse(line));
+    std::vector<Orvex::Test::Logged> lines = device.requests();
     ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(jsonString(lines[0], "body"), "user=admin&pwd=" + base64(kAwkwardPass));
-    EXPECT_EQ(jsonString(lines[1], "method"), "POST");
-    EXPECT_EQ(jsonString(lines[1], "headers", "Cookie"), "NAS_SID=s1; NVX_SSID=s1");
-    EXPECT_EQ(jsonString(lines[3], "target"), "/no/such/page?x=1");
-    EXPECT_TRUE(json_is_real(json_object_get(lines[3].get(), "time")));
-    EXPECT_FALSE(jsonString(lines[3], "headers", "Host").empty());
+    EXPECT_EQ(jsonString(lines[0].record, "body"), "user=admin&pwd=" + base64(kAwkwardPass));
+    EXPECT_EQ(jsonString(lines[1].record, "method"), "POST");
+    EXPECT_EQ(jsonString(lines[1].record, "headers", "Cookie"), "NAS_SID=s1; NVX_SSID=s1");
+    EXPECT_EQ(jsonString(lines[3].record, "target"), "/no/such/page?x=1");
+    EXPECT_TRUE(json_is_real(json_object_get(lines[3].record.get(), "time")));
+    EXPECT_FALSE(jsonString(lines[3].record, "headers", "Host").empty());
 }

@@ -3,5 +3,5 @@
 foreach(group ticktock reply dispatch worker)
   orvex_add_gtest(service_${group}_test
     SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/unit/service_${group}_test.cpp
-    LIBS orvex::service)
+    LIBS orvex::service orvex_test_support)
 endforeach()

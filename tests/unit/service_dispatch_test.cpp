@@ -2,7 +2,7 @@
 #include "service/misc.h"
 #include "service/service.h"
 
-#include "service_bus.h"
+#include "tests/support/bus.h"
 
 #include <Poco/Event.h>
 
@@ -16,7 +16,8 @@
 #include <string>
 
 using namespace Orvex;
-using OrvexTest::TestBus;
+using Orvex::Test::ServedBus;
+using Orvex::Test::Pipe;
 
 namespace {
 
@@ -78,7 +79,7 @@ protected:
         EXPECT_EQ(r.rc, 0) << method << ": errno " << r.error;
         return r.body;
     }
-    TestBus bus{&toService};
+    ServedBus bus{&toService};
 };
 
 // The 404 reply as written: the method is the message, its slashes escaped.
@@ -103,7 +104,7 @@ TEST_F(Dispatch, UnknownMethodIs404ThroughBufferOrDescriptor)
     ASSERT_TRUE(bus.ok());
     EXPECT_EQ(body("no_such_method"), notFound("no_such_method"));
     EXPECT_EQ(body("ghost"), notFound("ghost"));  // unknown worker mode, null endpoint
-    OrvexTest::Pipe pipe;
+    Pipe pipe;
     auto r = bus.call("no_such_method", "{}", pipe.writeEnd());
     EXPECT_EQ(r.body, "");
     EXPECT_EQ(pipe.readAll(), kHeader + notFound("no_such_method"));
@@ -118,7 +119,7 @@ TEST_F(Dispatch, BodiesThatAreNotObjectsArriveAsEmptyObjects)
 
 TEST_F(Dispatch, NotSyncRepliesAtOnceAndRunsWithoutChannel)
 {
-    OrvexTest::Pipe pipe;
+    Pipe pipe;
     EXPECT_EQ(bus.call("async", "{}", pipe.writeEnd()).rc, 0);
     EXPECT_EQ(pipe.readAll(), kHeader + "{\"error_code\":0,\"error_message\":\"\"}");
     ASSERT_TRUE(asyncRan.tryWait(10000));
@@ -158,7 +159,7 @@ TEST_F(Dispatch, HelpOfOneMethodPrintsItsFilledInText)
 {
     EXPECT_EQ(body("help", "{\"method\":\"signin\"}"), "\nusage: " + kName + " signin []\n\n");
     EXPECT_EQ(body("help", "{\"method\":\"help\"}"), std::string("\n") + Service::__help__ + "\n");
-    OrvexTest::Pipe pipe;  // the descriptor is closed, never written
+    Pipe pipe;  // the descriptor is closed, never written
     EXPECT_EQ(bus.call("help", "{\"method\":\"signin\"}", pipe.writeEnd()).body, "\nusage: " + kName + " signin []\n\n");
     EXPECT_EQ(pipe.readAll(), "");
 }

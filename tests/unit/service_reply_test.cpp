@@ -1,7 +1,7 @@
 #include "service/misc.h"
 #include "zservice/channel.h"
 
-#include "service_bus.h"
+#include "tests/support/bus.h"
 
 #include <Poco/Event.h>
 
@@ -10,7 +10,8 @@
 #include <string>
 
 using namespace Orvex;
-using OrvexTest::TestBus;
+using Orvex::Test::ServedBus;
+using Orvex::Test::Pipe;
 
 namespace {
 
@@ -48,7 +49,7 @@ void replyHandler(const char* method, zs_io* io, int fd)
 
 TEST(Reply, ForwardWritesTheObjectAsItStands)
 {
-    TestBus bus(&replyHandler);
+    ServedBus bus(&replyHandler);
     ASSERT_TRUE(bus.ok());
     EXPECT_EQ(bus.call("forward").body, "{\"path\":\"a\\/b\",\"pi\":3.1,\"big\":1.2e5,\"word\":\"caf\xc3\xa9\"}");
     EXPECT_EQ(bus.call("forward-empty").body, "{}");
@@ -57,7 +58,7 @@ TEST(Reply, ForwardWritesTheObjectAsItStands)
 
 TEST(Reply, StatusKeysAreAddedAndErrorsDropTheData)
 {
-    TestBus bus(&replyHandler);
+    ServedBus bus(&replyHandler);
     EXPECT_EQ(bus.call("success").body, "{\"error_code\":0,\"error_message\":\"\"}");
     EXPECT_EQ(bus.call("error").body, "{\"error_code\":404,\"error_message\":\"signin\"}");
     EXPECT_EQ(bus.call("no-message").body, "{\"error_code\":7}");
@@ -71,10 +72,10 @@ TEST(Reply, StatusKeysAreAddedAndErrorsDropTheData)
 
 TEST(Reply, DescriptorGetsHeaderAndJsonWithoutNewline)
 {
-    TestBus bus(&replyHandler);
+    ServedBus bus(&replyHandler);
     for (auto [method, json] : {std::make_pair("forward-empty", "{}"),
              std::make_pair("success", "{\"error_code\":0,\"error_message\":\"\"}")}) {
-        OrvexTest::Pipe pipe;
+        Pipe pipe;
         auto r = bus.call(method, "", pipe.writeEnd());
         EXPECT_EQ(r.rc, 0);
         EXPECT_EQ(r.body, "");
@@ -84,7 +85,7 @@ TEST(Reply, DescriptorGetsHeaderAndJsonWithoutNewline)
 
 TEST(Reply, NothingIsWrittenWithoutALiveCaller)
 {
-    OrvexTest::Pipe pipe;
+    Pipe pipe;
     ZsIoPtr scratch = makeZsIo();  // a scratch buffer has no caller
     zs_reply_json(scratch.get(), pipe.writeEnd(), nullptr, 0, "");
     zs_reply_forward(nullptr, pipe.writeEnd(), nullptr);

@@ -3,7 +3,7 @@
 #include "service/service.h"
 #include "service/worker.h"
 
-#include "service_bus.h"
+#include "tests/support/bus.h"
 
 #include <Poco/Event.h>
 #include <Poco/Thread.h>
@@ -20,8 +20,9 @@
 #include <thread>
 
 using namespace Orvex;
-using OrvexTest::CallResult;
-using OrvexTest::TestBus;
+using Orvex::Test::BusReply;
+using Orvex::Test::ServedBus;
+using Orvex::Test::Pipe;
 
 namespace {
 
@@ -132,7 +133,7 @@ bool noChildren() { return ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECH
 
 class Worker : public ::testing::Test {
 protected:
-    TestBus bus{&toService};
+    ServedBus bus{&toService};
 };
 
 }  // namespace
@@ -153,7 +154,7 @@ TEST_F(Worker, EveryExceptionBecomesItsErrorReply)
 
 TEST_F(Worker, SessionExceptionRepliesThenEndsTheProcessWithZero)
 {
-    TestBus forking(&invokeInChild);
+    ServedBus forking(&invokeInChild);
     EXPECT_EQ(forking.call("signin").body, reply(403, "not signin"));
     ASSERT_TRUE(forked.tryWait(10000));
     int status = -1;
@@ -163,7 +164,7 @@ TEST_F(Worker, SessionExceptionRepliesThenEndsTheProcessWithZero)
 
 TEST_F(Worker, FullQueueRefusesWith429AndReleasesTheCall)
 {
-    CallResult held;
+    BusReply held;
     std::thread holder([&] { held = bus.call("gate", "{\"held\":1}"); });
     ASSERT_TRUE(gateEntered.tryWait(10000));  // the thread is busy: every call now waits
     Endpoint* fillEndpoint = Service::getInstance().findEndpoint("fill");
@@ -171,7 +172,7 @@ TEST_F(Worker, FullQueueRefusesWith429AndReleasesTheCall)
         bounded.dispatch(fillEndpoint, json_object(), "fill", nullptr, -1);
 
     EXPECT_EQ(bus.call("fill").body, reply(429, ""));
-    OrvexTest::Pipe pipe;
+    Pipe pipe;
     EXPECT_EQ(bus.call("fill", "{}", pipe.writeEnd()).body, "");
     EXPECT_EQ(pipe.readAll(), "Content-Type: application/json; charset=utf-8\r\n\r\n" + reply(429, ""));
 
@@ -185,8 +186,8 @@ TEST_F(Worker, FullQueueRefusesWith429AndReleasesTheCall)
 
 TEST_F(Worker, CallerThatHungUpGetsNothingWritten)
 {
-    OrvexTest::Pipe pipe;
-    CallResult r = bus.call("late", "{}", pipe.writeEnd(), 1);
+    Pipe pipe;
+    BusReply r = bus.call("late", "{}", pipe.writeEnd(), 1);
     EXPECT_EQ(r.error, ETIMEDOUT);
     lateGate.set();
     ASSERT_TRUE(lateDone.tryWait(10000));
@@ -197,7 +198,7 @@ TEST_F(Worker, ProcessWorkerNeverWaitsForTheHandlerAndLeavesNoZombie)
 {
     ASSERT_EQ(::pipe(slowGate), 0);
     dispatched.reset();
-    CallResult r;
+    BusReply r;
     std::thread caller([&] { r = bus.call("slow", "{\"n\":1}"); });
     ASSERT_TRUE(dispatched.tryWait(10000));  // while the handler still waits on its gate
     EXPECT_TRUE(noChildren());

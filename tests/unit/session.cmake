@@ -1,11 +1,10 @@
 # Device session tests. They drive the real device simulator (orvex-devsim) as a child
 # process on a loopback ephemeral port and read its request log.
-set(ORVEX_SESSION_TEST_LIBS orvex::session orvex::option orvex::common PkgConfig::JANSSON Poco::Foundation Poco::Net)
+set(ORVEX_SESSION_TEST_LIBS orvex::session orvex::option orvex_test_support Poco::Foundation Poco::Net)
 
 function(orvex_session_test name source)
   orvex_add_gtest(${name} SOURCES ${CMAKE_CURRENT_LIST_DIR}/${source} LIBS ${ORVEX_SESSION_TEST_LIBS} ${ARGN})
   add_dependencies(${name} orvex-devsim)
-  target_compile_definitions(${name} PRIVATE ORVEX_DEVSIM="$<TARGET_FILE:orvex-devsim>")
 endfunction()
 
 orvex_session_test(session_signin_test session_signin_test.cpp)
@@ -14,4 +13,3 @@ orvex_session_test(session_rsyslog_test session_rsyslog_test.cpp)
 orvex_session_test(session_timeout_test session_timeout_test.cpp LABELS slow)
 # Writes the private /usr/local/sbin and serves the real per-device bus address.
 orvex_session_test(session_bus_test session_bus_test.cpp ISOLATED)
-target_link_libraries(session_bus_test PRIVATE orvex::zservice)

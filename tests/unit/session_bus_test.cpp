@@ -4,7 +4,7 @@
 #include "common/misc.h"
 #include "tests/unit/session_support.h"
 
-#include "zservice/zservice.h"
+#include "tests/support/bus.h"
 
 #include <sys/stat.h>
 
@@ -43,22 +43,11 @@ class FakeDevice {
 public:
     explicit FakeDevice(const std::string& answer)
     {
-        {
-            std::lock_guard<std::mutex> lock(gMutex);
-            gCalls.clear();
-            gAnswer = answer;
-        }
-        std::string address = std::string("@/var/run/orvex/orvex-session@") + kMac;
-        bus_ = zs_create(address.c_str(), 4, 0, &fakeHandler);
-        if (bus_ == nullptr)
-            throw std::runtime_error("cannot serve " + address);
-        loop_ = std::thread([this] { zs_start(bus_); });
-    }
-    ~FakeDevice()
-    {
-        zs_stop(bus_);
-        loop_.join();
-        zs_free(bus_);
+        std::lock_guard<std::mutex> lock(gMutex);
+        gCalls.clear();
+        gAnswer = answer;
+        if (!bus_.ok())
+            throw std::runtime_error("cannot serve " + bus_.address());
     }
     std::vector<std::pair<std::string, std::string>> calls() const
     {
@@ -67,8 +56,7 @@ public:
     }
 
 private:
-    zs* bus_ = nullptr;
-    std::thread loop_;
+    Test::ServedBus bus_{std::string("@/var/run/orvex/orvex-session@") + kMac, &fakeHandler};
 };
 
 JsonRef object(const char* text)
@@ -101,8 +89,7 @@ class SessionBus : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        const char* isolated = std::getenv("ORVEX_ISOLATED");
-        if (isolated == nullptr || std::string(isolated) != "1")
+        if (!Orvex::Test::isolated())
             GTEST_SKIP() << "needs tests/isolate.sh (writes /usr/local/sbin)";
     }
 };

@@ -1,10 +1,12 @@
-// Test support for the session tests: the simulator (session_devsim.h), the option records
+// Test support for the session tests: the simulator (tests/support/devsim.h), the option records
 // the tests need, children for the exits, and a capture of the root logger's messages.
 #pragma once
 
 #include "common/raii.h"
 #include "option/option.h"
 #include "session/session.h"
+#include "tests/support/devsim.h"
+#include "tests/support/process.h"
 #include "tests/unit/session_devsim.h"
 
 #include <Poco/AutoPtr.h>
@@ -19,27 +21,13 @@
 
 #include <cstdio>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace Orvex::Harness {
 
-inline JsonRef parseJson(const std::string& text)
-{
-    JsonRef value = JsonRef::adopt(json_loads(text.c_str(), 0, nullptr));
-    if (!value)
-        throw std::runtime_error("test JSON does not parse: " + text);
-    return value;
-}
-
-inline std::string dump(json_t* value)
-{
-    char* text = json_dumps(value, JSON_COMPACT | JSON_SORT_KEYS);
-    std::string out = text ? text : "";
-    free(text);
-    return out;
-}
+using Test::dump;
+using Test::parseJson;
 
 inline SigninOption signinOption(const Devsim& device, const std::string& user = "admin",
                                  const std::string& pass = "secret")

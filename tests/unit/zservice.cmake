@@ -3,6 +3,6 @@ orvex_add_gtest(zservice_test
           ${CMAKE_CURRENT_LIST_DIR}/zservice_server_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/zservice_client_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/zservice_tool_test.cpp
-  LIBS orvex::zservice)
+  LIBS orvex::zservice orvex_test_support)
 target_compile_definitions(zservice_test PRIVATE ZS_CALL_PATH="$<TARGET_FILE:zs-call>")
 add_dependencies(zservice_test zs-call)

@@ -32,11 +32,8 @@ long elapsedMs(Clock::time_point since)
 // Calls through the library and returns the reply body ("<errno text>" on failure).
 std::string call(const std::string& address, const char* method, const std::string& body, int fd = -1)
 {
-    Orvex::ZsIoPtr io = Orvex::makeZsIo();
-    zs_io_write(io.get(), body.data(), body.size());
-    if (zs_call(address.c_str(), method, io.get(), 5, fd) != 0)
-        return std::string("<") + strerror(errno) + ">";
-    return std::string(zs_io_read(io.get(), 0), zs_io_size(io.get()));
+    BusReply reply = busCall(address, method, body, fd, 5);
+    return reply.rc == 0 ? reply.body : std::string("<") + strerror(reply.error) + ">";
 }
 
 // Sends one raw message with the given descriptors attached to its first byte.
@@ -111,7 +108,7 @@ TEST(ZserviceFraming, BadFramesAreClosedWithoutReplyAndNeverReachTheHandler)
         bad.emplace_back("body over 16 MiB", frame);
         for (const auto& [what, bytes] : bad) {
             const int sock = rawConnect(service.address());
-            sendAll(sock, bytes);
+            ASSERT_TRUE(sendAll(sock, bytes));
             bool closed = false;
             EXPECT_EQ("", readUntilClosed(sock, 5000, closed)) << what;
             EXPECT_TRUE(closed) << what;
@@ -133,7 +130,7 @@ TEST(ZserviceFraming, LimitsAreInclusiveAndTrailingBytesAreIgnored)
     EXPECT_TRUE(big == call(service.address(), "raw", big));
 
     const int sock = rawConnect(service.address());
-    sendAll(sock, callFrame("m", "body") + "trailing bytes that are not a frame");
+    ASSERT_TRUE(sendAll(sock, callFrame("m", "body") + "trailing bytes that are not a frame"));
     bool closed = false;
     const std::string reply = readUntilClosed(sock, 5000, closed);
     close(sock);
@@ -152,10 +149,7 @@ TEST(ZserviceLoop, SlowPartialCallersDoNotDelayAFastOne)
     for (int i = 0; i < 100; ++i) {
         slow.push_back(rawConnect(service.address()));
         // Silent, half a header, or the header and half the body.
-        if (i % 3 == 1)
-            sendAll(slow.back(), frame.substr(0, 6));
-        else if (i % 3 == 2)
-            sendAll(slow.back(), frame.substr(0, 500));
+        ASSERT_TRUE(sendAll(slow.back(), frame.substr(0, i % 3 == 0 ? 0 : i % 3 == 1 ? 6 : 500)));
     }
     const auto start = Clock::now();
     EXPECT_EQ("echo:fast:{}", call(service.address(), "fast", "{}"));
@@ -163,7 +157,7 @@ TEST(ZserviceLoop, SlowPartialCallersDoNotDelayAFastOne)
     // Once they finish, the slow ones are served too.
     for (size_t i = 0; i < slow.size(); ++i) {
         const size_t sent = i % 3 == 0 ? 0 : i % 3 == 1 ? 6 : 500;
-        sendAll(slow[i], frame.substr(sent));
+        ASSERT_TRUE(sendAll(slow[i], frame.substr(sent)));
         bool closed = false;
         EXPECT_EQ(12u + 1010u, readUntilClosed(slow[i], 5000, closed).size());
         close(slow[i]);
@@ -176,7 +170,7 @@ TEST(ZserviceLoop, CallersThatDoNotDeliverInTimeAreDisconnected)
     TestService service({}, 1);
     const int silent = rawConnect(service.address());
     const int partial = rawConnect(service.address());
-    sendAll(partial, callFrame("late", "{}").substr(0, 14));
+    ASSERT_TRUE(sendAll(partial, callFrame("late", "{}").substr(0, 14)));
     const auto start = Clock::now();
     for (int sock : {silent, partial}) {
         bool closed = false;
@@ -267,14 +261,23 @@ TEST(ZserviceDescriptor, ExtraDescriptorsAreClosedAndTruncatedControlDataIsABadF
     EXPECT_EQ(fdsBefore, openFdCount());
 }
 
-TEST(ZserviceChannel, AliveTurnsFalseOnceTheCallerHangsUpAndNoReplyIsSent)
-{
+// A service whose handler parks each channel for the test thread, and one raw call to it.
+class ZserviceParkedChannel : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(sendAll(sock, callFrame("m", "")));
+        io = slot.take();
+        ASSERT_NE(nullptr, io);
+    }
     ChannelSlot slot;
-    TestService service([&slot](const char*, zs_io* io, int) { slot.put(io); });
+    TestService service{[this](const char*, zs_io* channel, int) { slot.put(channel); }};
     const int sock = rawConnect(service.address());
-    sendAll(sock, callFrame("m", ""));
-    zs_io* io = slot.take();
-    ASSERT_NE(nullptr, io);
+    zs_io* io = nullptr;
+};
+
+TEST_F(ZserviceParkedChannel, AliveTurnsFalseOnceTheCallerHangsUpAndNoReplyIsSent)
+{
     EXPECT_EQ(1, zs_io_alive(io));
     close(sock);
     EXPECT_EQ(0, zs_io_alive(io));
@@ -282,14 +285,8 @@ TEST(ZserviceChannel, AliveTurnsFalseOnceTheCallerHangsUpAndNoReplyIsSent)
     zs_io_free(io);
 }
 
-TEST(ZserviceChannel, RepliesAtMostOncePerCall)
+TEST_F(ZserviceParkedChannel, RepliesAtMostOncePerCall)
 {
-    ChannelSlot slot;
-    TestService service([&slot](const char*, zs_io* io, int) { slot.put(io); });
-    const int sock = rawConnect(service.address());
-    sendAll(sock, callFrame("m", ""));
-    zs_io* io = slot.take();
-    ASSERT_NE(nullptr, io);
     zs_io_printf(io, "%d", 1);
     EXPECT_EQ(0, zs_reply(io));
     EXPECT_EQ(-1, zs_reply(io));

@@ -1,0 +1,157 @@
+#include "tests/support/bus.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include <gtest/gtest.h>
+
+#include "zservice/channel.h"
+
+namespace Orvex::Test {
+
+BusReply busCall(const std::string& address, const std::string& method, const std::string& body, int fd,
+    int timeoutSeconds)
+{
+    ZsIoPtr io = makeZsIo();
+    zs_io_write(io.get(), body.data(), body.size());
+    BusReply reply;
+    errno = 0;
+    reply.rc = zs_call(address.c_str(), method.c_str(), io.get(), timeoutSeconds, fd);
+    reply.error = errno;
+    reply.body.assign(zs_io_read(io.get(), 0), zs_io_size(io.get()));
+    return reply;
+}
+
+ServedBus::ServedBus(const std::string& address, zs_handler handler, int recvTimeout, int policy)
+    : address_(address)
+{
+    bus_ = zs_create(address_.c_str(), recvTimeout, policy, handler);
+    if (bus_)
+        loop_ = std::thread([this] { result_ = zs_start(bus_); });
+}
+
+ServedBus::~ServedBus()
+{
+    stop();
+    if (bus_)
+        zs_free(bus_);
+}
+
+int ServedBus::stop()
+{
+    if (loop_.joinable()) {
+        zs_stop(bus_);
+        loop_.join();
+    }
+    return result_;
+}
+
+std::string uniqueAddress(const char* tag)
+{
+    static std::atomic<int> counter{0};
+    return "@orvex-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++) + "-" + tag;
+}
+
+void putU32(std::string& frame, size_t offset, uint32_t value)
+{
+    for (int i = 0; i < 4; ++i)
+        frame[offset + i] = static_cast<char>(value >> (8 * i));
+}
+
+std::string callFrame(const std::string& method, const std::string& body)
+{
+    std::string frame("ZS\x01" "C", 4);
+    frame.resize(12);
+    putU32(frame, 4, static_cast<uint32_t>(method.size()));
+    putU32(frame, 8, static_cast<uint32_t>(body.size()));
+    return frame + method + body;
+}
+
+int rawConnect(const std::string& address)
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    memcpy(sa.sun_path, address.data(), address.size());
+    sa.sun_path[0] = '\0';  // abstract: a leading NUL instead of '@'
+    auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address.size());
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&sa), length) != 0) {
+        close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
+bool sendAll(int fd, const std::string& bytes)
+{
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0)
+            return false;
+        sent += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::string readUntilClosed(int fd, int timeoutMs, bool& closed)
+{
+    std::string out;
+    closed = false;
+    pollfd p{fd, POLLIN, 0};
+    char buffer[4096];
+    while (poll(&p, 1, timeoutMs) > 0) {
+        ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+        if (n <= 0) {
+            closed = true;
+            break;
+        }
+        out.append(buffer, static_cast<size_t>(n));
+    }
+    return out;
+}
+
+Pipe::Pipe()
+{
+    EXPECT_EQ(::pipe(fds_), 0);
+}
+
+Pipe::~Pipe()
+{
+    closeWriteEnd();
+    ::close(fds_[0]);
+}
+
+void Pipe::closeWriteEnd()
+{
+    if (fds_[1] >= 0)
+        ::close(fds_[1]);
+    fds_[1] = -1;
+}
+
+std::string Pipe::readAll()
+{
+    closeWriteEnd();
+    std::string out;
+    char buffer[4096];
+    for (;;) {
+        pollfd p{fds_[0], POLLIN, 0};
+        if (::poll(&p, 1, 5000) <= 0) {
+            ADD_FAILURE() << "a copy of the reply descriptor was left open";
+            return out;
+        }
+        ssize_t n = ::read(fds_[0], buffer, sizeof buffer);
+        if (n <= 0)
+            return out;
+        out.append(buffer, static_cast<size_t>(n));
+    }
+}
+
+}  // namespace Orvex::Test

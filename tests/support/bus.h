@@ -1,0 +1,81 @@
+// Shared test support for the service bus: calls through zs_call, a service served on its
+// own thread, raw caller sockets that send whatever they are given, and a reply pipe.
+// Addresses are abstract ("@name"). Errors are reported as results, not thrown.
+#pragma once
+
+#include "tests/support/process.h"
+#include "zservice/zservice.h"
+
+#include <cstdint>
+#include <string>
+#include <thread>
+
+namespace Orvex::Test {
+
+struct BusReply {
+    int rc = -1;
+    int error = 0;  // errno of a failed call
+    std::string body;
+    JsonRef json() const { return parseJson(body); }
+};
+
+BusReply busCall(const std::string& address, const std::string& method, const std::string& body = "{}",
+    int fd = -1, int timeoutSeconds = 30);
+
+// "@orvex-test-<pid>-<n>-<tag>": parallel test runs never share a name.
+std::string uniqueAddress(const char* tag);
+
+// zs_create + zs_start on a thread of its own; zs_stop, join and zs_free at destruction.
+class ServedBus {
+public:
+    ServedBus(const std::string& address, zs_handler handler, int recvTimeout = 4, int policy = 0);
+    // On a fresh private address.
+    explicit ServedBus(zs_handler handler) : ServedBus(uniqueAddress("bus"), handler) {}
+    ~ServedBus();
+    ServedBus(const ServedBus&) = delete;
+    ServedBus& operator=(const ServedBus&) = delete;
+
+    bool ok() const { return bus_ != nullptr; }
+    zs* bus() const { return bus_; }
+    const std::string& address() const { return address_; }
+    BusReply call(const std::string& method, const std::string& body = "", int fd = -1, int timeoutSeconds = 10) const
+    {
+        return busCall(address_, method, body, fd, timeoutSeconds);
+    }
+    // Stops the loop (once) and returns what zs_start returned.
+    int stop();
+
+private:
+    std::string address_;
+    zs* bus_ = nullptr;
+    std::thread loop_;
+    int result_ = -2;
+};
+
+// A call frame as bytes; putU32 overrides a field to build bad ones.
+std::string callFrame(const std::string& method, const std::string& body);
+void putU32(std::string& frame, size_t offset, uint32_t value);
+
+// A raw connection to an abstract address; -1 when nobody listens.
+int rawConnect(const std::string& address);
+bool sendAll(int fd, const std::string& bytes);
+// Everything the server sends until it closes (or timeoutMs passes; then closed=false).
+std::string readUntilClosed(int fd, int timeoutMs, bool& closed);
+
+// A pipe to pass as a reply descriptor. readAll closes our write end and reads to end of
+// file, which only comes once every other copy of the write end is closed too.
+class Pipe {
+public:
+    Pipe();
+    ~Pipe();
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    int writeEnd() const { return fds_[1]; }
+    void closeWriteEnd();
+    std::string readAll();
+
+private:
+    int fds_[2] = {-1, -1};
+};
+
+}  // namespace Orvex::Test

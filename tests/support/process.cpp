@@ -1,0 +1,186 @@
+#include "tests/support/process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace Orvex::Test {
+
+bool isolated()
+{
+    const char* flag = std::getenv("ORVEX_ISOLATED");
+    return flag && std::string(flag) == "1";
+}
+
+TempDir::TempDir()
+{
+    char pattern[] = "/tmp/orvex-test.XXXXXX";
+    if (!mkdtemp(pattern))
+        throw std::runtime_error(std::string("mkdtemp: ") + strerror(errno));
+    path_ = pattern;
+}
+
+TempDir::~TempDir()
+{
+    std::string command = "rm -rf '" + path_ + "'";
+    if (std::system(command.c_str()) != 0)
+        std::fprintf(stderr, "could not remove %s\n", path_.c_str());
+}
+
+bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return cond();
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+JsonRef parseJson(const std::string& text)
+{
+    return JsonRef::adopt(json_loadb(text.data(), text.size(), 0, nullptr));
+}
+
+std::string dump(json_t* value)
+{
+    if (!value)
+        return "(null)";
+    char* text = json_dumps(value, JSON_COMPACT | JSON_SORT_KEYS | JSON_ENCODE_ANY);
+    std::string result = text ? text : "";
+    free(text);
+    return result;
+}
+
+namespace {
+
+void redirect(int target, const std::string& path, int flags)
+{
+    int fd = open(path.empty() ? "/dev/null" : path.c_str(), flags, 0644);
+    if (fd < 0 || dup2(fd, target) < 0)
+        _exit(126);
+    close(fd);
+}
+
+[[noreturn]] void execChild(const Spawn& spawn, int stdinRead)
+{
+    if (stdinRead >= 0)
+        dup2(stdinRead, STDIN_FILENO);
+    else
+        redirect(STDIN_FILENO, "", O_RDONLY);
+    if (spawn.stdoutFd >= 0)
+        dup2(spawn.stdoutFd, STDOUT_FILENO);
+    else
+        redirect(STDOUT_FILENO, spawn.stdoutPath, O_WRONLY | O_CREAT | O_TRUNC);
+    redirect(STDERR_FILENO, spawn.stderrPath, O_WRONLY | O_CREAT | O_TRUNC);
+    for (const std::string& entry : spawn.env)
+        putenv(const_cast<char*>(entry.c_str()));
+    std::vector<char*> argv;
+    for (const std::string& arg : spawn.argv)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+}
+
+}  // namespace
+
+Child::Child(const Spawn& spawn)
+{
+    int pipeFds[2] = {-1, -1};
+    if (spawn.stdinPipe && pipe2(pipeFds, O_CLOEXEC) != 0)
+        throw std::runtime_error("pipe failed");
+    pid_ = fork();
+    if (pid_ < 0)
+        throw std::runtime_error("fork failed");
+    if (pid_ == 0)
+        execChild(spawn, pipeFds[0]);
+    if (spawn.stdinPipe) {
+        close(pipeFds[0]);
+        stdin_.reset(pipeFds[1]);
+    }
+}
+
+Child::~Child()
+{
+    stdin_.reset();
+    if (!reaped_ && pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+bool Child::running()
+{
+    return wait(0ms) == -1;
+}
+
+int Child::wait(std::chrono::milliseconds timeout)
+{
+    auto done = [this] {
+        if (reaped_)
+            return true;
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) != pid_)
+            return false;
+        reaped_ = true;
+        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return true;
+    };
+    return waitFor(done, timeout) ? status_ : -1;
+}
+
+void Child::signal(int signo)
+{
+    if (!reaped_)
+        kill(pid_, signo);
+}
+
+void Child::writeStdin(const std::string& text)
+{
+    if (stdin_ && !text.empty() && write(stdin_.get(), text.data(), text.size()) < 0)
+        ADD_FAILURE() << "could not write to the child's standard input";
+}
+
+void Child::closeStdin()
+{
+    stdin_.reset();
+}
+
+RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+    const std::string& stdinText, std::chrono::milliseconds timeout)
+{
+    TempDir dir;
+    RunResult result;
+    {
+        Child child({argv, env, dir.file("out"), dir.file("err"), true});
+        child.writeStdin(stdinText);
+        child.closeStdin();
+        result.status = child.wait(timeout);
+    }
+    result.out = readFile(dir.file("out"));
+    result.err = readFile(dir.file("err"));
+    return result;
+}
+
+}  // namespace Orvex::Test
