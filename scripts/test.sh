@@ -82,7 +82,7 @@ stage_tsan() {
   cmake --build build-tsan -j"$jobs" --target "${targets[@]}" || return 1
   local reports=$PWD/build-tsan/sanitizer-reports
   rm -rf "$reports" && mkdir -p "$reports"
-  export TSAN_OPTIONS="log_path=$reports/tsan:halt_on_error=0:suppressions=$PWD/tests/tsan.supp"
+  export TSAN_OPTIONS="log_path=$reports/tsan:halt_on_error=0"
   run_counted ctest --output-on-failure --test-dir build-tsan -j"$jobs" --timeout 900 -R "$tsan_tests"
   unset TSAN_OPTIONS
   check_reports "$reports"
