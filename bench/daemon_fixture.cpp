@@ -1,5 +1,7 @@
 #include "bench/daemon_fixture.h"
 
+#include "bench/baseline_tls.h"
+
 #include "common/raii.h"
 #include "zservice/channel.h"
 #include "zservice/zservice.h"
@@ -29,20 +31,7 @@ using Clock = std::chrono::steady_clock;
 using Poco::Net::Context;
 
 constexpr const char* kConfigPath = "/orvex/v1/rsyslog/config";
-constexpr const char* kCiphers = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH";
 const std::chrono::milliseconds kStartTimeout(10000);
-
-// The settings the daemon's session uses; the full-handshake baseline keeps POCO's
-// default groups, as a context made per request would.
-Context::Ptr makeContext(bool resumable)
-{
-    Context::Ptr context = new Context(Context::TLSV1_CLIENT_USE, "", "", "", Context::VERIFY_NONE, 9, false, kCiphers);
-    context->disableProtocols(Context::PROTO_SSLV2 | Context::PROTO_SSLV3 | Context::PROTO_TLSV1);
-    context->enableSessionCache(resumable);
-    if (resumable)
-        SSL_CTX_set1_groups_list(context->sslContext(), "X25519:P-256:X448:P-384:P-521");
-    return context;
-}
 
 std::string get(Poco::Net::HTTPClientSession& client, const std::string& path, const std::string& bearer,
                 int& status)
@@ -172,7 +161,7 @@ std::unique_ptr<Process> startPeer(const std::vector<std::string>& argv)
 // ---- bare device client --------------------------------------------------------------------
 
 BareClient::BareClient(const Devsim& device, int slots)
-    : device_(device), shared_(makeContext(true)), sessions_(static_cast<size_t>(slots))
+    : device_(device), shared_(bench::baselineContext(true)), sessions_(static_cast<size_t>(slots))
 {
     std::unique_ptr<Poco::Net::HTTPClientSession> client;
     if (device.tls())
@@ -223,7 +212,7 @@ bool BareClient::callResumed(int slot)
 
 bool BareClient::callFullHandshake()
 {
-    Poco::Net::HTTPSClientSession client("127.0.0.1", static_cast<Poco::UInt16>(device_.port()), makeContext(false));
+    Poco::Net::HTTPSClientSession client("127.0.0.1", static_cast<Poco::UInt16>(device_.port()), bench::baselineContext(false));
     return exchange(client);
 }
 

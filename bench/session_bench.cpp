@@ -3,6 +3,7 @@
 // and no resumption) as the HTTPS baseline. Every call opens its own TCP connection.
 //
 //   session_bench [ITERATIONS]      (default 300 per case, after 20 unmeasured calls)
+#include "bench/baseline_tls.h"
 #include "common/raii.h"
 #include "option/option.h"
 #include "session/session.h"
@@ -33,7 +34,6 @@ using Poco::Net::HTTPRequest;
 namespace {
 
 constexpr const char* kPath = "/orvex/v1/rsyslog/config";
-constexpr const char* kCiphers = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH";
 
 struct Figures {
     double median;
@@ -54,18 +54,6 @@ Figures measure(int iterations, const std::function<void()>& call)
     std::sort(micros.begin(), micros.end());
     size_t p99 = std::min(micros.size() - 1, static_cast<size_t>(micros.size() * 0.99));
     return {micros[micros.size() / 2], micros[p99]};
-}
-
-Context::Ptr context(bool resumable)
-{
-    Context::Ptr ctx = new Context(Context::TLSV1_CLIENT_USE, "", "", "", Context::VERIFY_NONE, 9, false, kCiphers);
-    ctx->disableProtocols(Context::PROTO_SSLV2 | Context::PROTO_SSLV3 | Context::PROTO_TLSV1);
-    ctx->enableSessionCache(resumable);
-    // The resumed baseline offers the same groups as the session does; the full-handshake
-    // one keeps POCO's defaults, as a context made per request would.
-    if (resumable)
-        SSL_CTX_set1_groups_list(ctx->sslContext(), "X25519:P-256:X448:P-384:P-521");
-    return ctx;
 }
 
 std::string bareCall(Poco::Net::HTTPClientSession& client, const std::string& bearer)
@@ -127,7 +115,7 @@ int main(int argc, char** argv)
     signin(tls);
     bearer = bearerOf(tls);
     Figures httpsSession = measure(iterations, [&] { session.request(HTTPRequest::HTTP_GET, kPath); });
-    Context::Ptr shared = context(true);
+    Context::Ptr shared = bench::baselineContext(true);
     Poco::Net::Session::Ptr resumable;
     int reused = 0;
     Figures httpsBare = measure(iterations, [&] {
@@ -138,7 +126,7 @@ int main(int argc, char** argv)
         resumable = socket.currentSession();
     });
     Figures httpsFull = measure(iterations, [&] {
-        Poco::Net::HTTPSClientSession client("127.0.0.1", static_cast<Poco::UInt16>(tls.port()), context(false));
+        Poco::Net::HTTPSClientSession client("127.0.0.1", static_cast<Poco::UInt16>(tls.port()), bench::baselineContext(false));
         bareCall(client, bearer);
     });
 

@@ -72,6 +72,17 @@ Poco::Notification::Ptr TicktockQueue::takeLocked()
     return notification;
 }
 
+// Takes a notification at once if there is one; otherwise queues the waiter record, and
+// the caller waits on its event.
+Poco::Notification::Ptr TicktockQueue::takeOrWait(WaitInfo& waiter)
+{
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    Poco::Notification::Ptr notification = takeLocked();
+    if (!notification)
+        waiters_.push_back(&waiter);
+    return notification;
+}
+
 Poco::Notification::Ptr TicktockQueue::dequeueNotification()
 {
     ORVEX_TRACE();
@@ -83,12 +94,8 @@ Poco::Notification::Ptr TicktockQueue::waitDequeueNotification()
 {
     ORVEX_TRACE();
     WaitInfo waiter;
-    {
-        Poco::FastMutex::ScopedLock lock(mutex_);
-        if (Poco::Notification::Ptr notification = takeLocked())
-            return notification;
-        waiters_.push_back(&waiter);
-    }
+    if (Poco::Notification::Ptr notification = takeOrWait(waiter))
+        return notification;
     // The producer filled the record before setting the event and removed it from the
     // wait queue; the event orders its write before this read.
     waiter.available.wait();
@@ -99,12 +106,8 @@ Poco::Notification::Ptr TicktockQueue::waitDequeueNotification(long milliseconds
 {
     ORVEX_TRACE();
     WaitInfo waiter;
-    {
-        Poco::FastMutex::ScopedLock lock(mutex_);
-        if (Poco::Notification::Ptr notification = takeLocked())
-            return notification;
-        waiters_.push_back(&waiter);
-    }
+    if (Poco::Notification::Ptr notification = takeOrWait(waiter))
+        return notification;
     waiter.available.tryWait(milliseconds);
     // Timed out or not: a producer may have filled the record meanwhile; either way the
     // record must leave the wait queue before it goes out of scope.

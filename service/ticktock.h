@@ -57,6 +57,7 @@ private:
     void enqueue(Poco::Notification::Ptr notification, TickTock tick, bool urgent);
     bool handOver(Poco::Notification::Ptr& notification);
     Poco::Notification::Ptr takeLocked();
+    Poco::Notification::Ptr takeOrWait(WaitInfo& waiter);
 
     int turn_ = TICK;
     std::deque<Poco::Notification::Ptr> queues_[2];
