@@ -2,10 +2,11 @@
 // named by its MAC address, on the service bus at "@/var/run/orvex/orvex-session@<mac>".
 //
 //   orvex-session -m|--mac MAC [-d|--debug] [-l|--level N]
+//   orvex-session --help | --version
 //
 // Exit status: 0 after an orderly stop (SIGINT/SIGTERM), also for the starter of a
-// detaching run once the MAC is valid; 1 for an invalid MAC, a lock held by another
-// instance or any other start-up failure.
+// detaching run once the MAC is valid, and for --help and --version; 1 for an invalid
+// MAC, a lock held by another instance or any other start-up failure.
 #include <fcntl.h>
 #include <getopt.h>
 #include <sys/file.h>
@@ -21,22 +22,25 @@
 
 #include <jansson.h>
 
+#include <memory>
+
 #include <Poco/AutoPtr.h>
 #include <Poco/ConsoleChannel.h>
 #include <Poco/Exception.h>
-#include <Poco/File.h>
-#include <Poco/FileChannel.h>
 #include <Poco/FormattingChannel.h>
 #include <Poco/Logger.h>
-#include <Poco/Path.h>
 #include <Poco/PatternFormatter.h>
-#include <Poco/RegularExpression.h>
 #include <Poco/SharedPtr.h>
-#include <Poco/String.h>
 #include <Poco/Timer.h>
 
 #include "common/misc.h"
+#include "common/paths.h"
+#include "common/shared_log.h"
 #include "common/trace.h"
+#include "common/version.h"
+#include "daemon/lockfile.h"
+#include "daemon/notify.h"
+#include "daemon/status_keeper.h"
 #include "methods/service_session.h"
 #include "service/service.h"
 #include "session/session.h"
@@ -46,26 +50,38 @@ namespace Orvex {
 
 namespace {
 
-constexpr const char* kProgram = "orvex-session";
-constexpr const char* kBusDirectory = "/var/run/orvex";
-constexpr const char* kLockFormat = "/var/lock/orvex-session@%s.pid";
-constexpr const char* kLogPath = "/var/log/orvex/orvexd.log";
-constexpr const char* kLogDirectoryProbe = "/var/log/orvex/orvex-session.log";
-constexpr const char* kLogPattern = "%L%Y-%m-%d %H:%M:%S,%i [%p] %t";
-constexpr const char* kMacPattern = "^([0-9a-f]{2}:){5}([0-9a-f]{2})$";
+// Every line names the device and the process, since all sessions share one log: "%s"
+// is the MAC, %P the pid.
+constexpr const char* kLogPattern = "%%L%%Y-%%m-%%d %%H:%%M:%%S,%%i [%%p] [%s %%P] %%t";
 constexpr long kKeepAliveStartMs = 30000;
 constexpr long kKeepAlivePeriodMs = 60000;
+// The shutdown steps after SIGTERM (sign-out included, whose device exchanges are each
+// bounded) must end by then, or the process ends without them.
+constexpr unsigned kShutdownLimitSeconds = 30;
+
+const char* const kUsage =
+    "usage: orvex-session -m|--mac MAC [-d|--debug] [-l|--level N]\n"
+    "       orvex-session --help | --version\n"
+    "Serves one remote storage device, named by its MAC address (six hex pairs joined by\n"
+    "':'), on the service bus at @/var/run/orvex/orvex-session@MAC.\n"
+    "  -m, --mac MAC    the device (required)\n"
+    "  -d, --debug      stay in the foreground and log to the console\n"
+    "  -l, --level N    log level 0 (off) to 8 (trace), default 6\n"
+    "  -h, --help       this text\n"
+    "      --version    the version\n"
+    "Exit status: 0 after SIGINT/SIGTERM (and for the starter of a detaching run),\n"
+    "1 for an invalid MAC, a lock file held or refused, or another start-up failure.\n";
 
 struct Options {
     std::string mac;
     bool debug = false;
     int32_t level = 6;
+    bool help = false;
+    bool version = false;
 };
 
 // Read by onSignal on the bus loop thread; set once before the loop starts.
 zs* g_bus = nullptr;
-// Held open and locked for the life of the process.
-int g_lockFd = -1;
 
 }  // namespace
 
@@ -96,14 +112,20 @@ Options parseCommandLine(int argc, char** argv)
         {"mac", required_argument, nullptr, 'm'},
         {"debug", no_argument, nullptr, 'd'},
         {"level", required_argument, nullptr, 'l'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
     Options options;
     int c;
     // Unknown options and missing arguments are ignored on purpose.
-    while ((c = getopt_long(argc, argv, ":m:dl:", longOptions, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, ":m:dl:h", longOptions, nullptr)) != -1) {
         if (c == 'm')
-            options.mac = Poco::toLower(Poco::trim(std::string(optarg)));
+            options.mac = Paths::normaliseMac(optarg);
+        else if (c == 'h')
+            options.help = true;
+        else if (c == 'V')
+            options.version = true;
         else if (c == 'd')
             options.debug = true;
         else if (c == 'l')
@@ -114,8 +136,7 @@ Options parseCommandLine(int argc, char** argv)
 
 void checkMac(const std::string& mac)
 {
-    Poco::RegularExpression expression(kMacPattern);
-    if (!expression.match(mac)) {
+    if (!Paths::validMac(mac)) {
         std::fputs("invalid mac address\n", stderr);
         std::exit(1);
     }
@@ -128,7 +149,8 @@ void redirectStandardStreams()
         _exit(1);
     if (chdir("/") != 0)
         _exit(1);
-    umask(0);
+    // Not 0: nothing this process creates may be writable by others.
+    umask(022);
 }
 
 // Double fork: the starter returns 0 as soon as the first child is gone, and the daemon
@@ -152,19 +174,18 @@ Poco::AutoPtr<Poco::Channel> makeChannel(bool debug)
 {
     if (debug)
         return new Poco::ConsoleChannel;
-    Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel);
-    file->setProperty("path", kLogPath);
-    file->setProperty("rotation", "100 K");
-    file->setProperty("purgeCount", "2");
-    file->setProperty("rotateOnOpen", "yes");
-    return file;
+    try {
+        return openSessionLog();
+    } catch (const Poco::Exception& e) {
+        std::fprintf(stderr, "orvex-session cannot open the log: %s.\n", e.message().c_str());
+        std::exit(1);
+    }
 }
 
 void setupLogging(const Options& options)
 {
-    Poco::File(Poco::Path(kLogDirectoryProbe).parent()).createDirectories();
     Poco::AutoPtr<Poco::PatternFormatter> formatter(new Poco::PatternFormatter);
-    formatter->setProperty("pattern", kLogPattern);
+    formatter->setProperty("pattern", strformat(kLogPattern, options.mac.c_str()));
     Poco::AutoPtr<Poco::FormattingChannel> channel(
         new Poco::FormattingChannel(formatter, makeChannel(options.debug)));
     Poco::Logger& root = Poco::Logger::root();
@@ -206,39 +227,26 @@ void registerMethods()
 }
 
 // One instance per MAC: the lock is held until shutdown, and the file keeps our pid.
-void takeLock(const std::string& mac)
+std::unique_ptr<LockFile> takeLock(const Options& options)
 {
-    std::string path = strformat(kLockFormat, mac.c_str());
-    // Close-on-exec keeps the lock from leaking into programs that handlers run.
-    g_lockFd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (g_lockFd < 0) {
-        std::fprintf(stderr, "orvex-session create pid file %s fail.\n", path.c_str());
+    try {
+        return std::make_unique<LockFile>(Paths::lockPath(options.mac));
+    } catch (const LockError& e) {
+        std::fputs(e.what(), stderr);
+        // Standard error is /dev/null once detached: the log file keeps the reason.
+        std::string line = e.what();
+        if (!options.debug)
+            Poco::Logger::root().error(line.substr(0, line.find('\n')));
         std::exit(1);
     }
-    if (flock(g_lockFd, LOCK_EX | LOCK_NB) != 0) {
-        char running[33] = {0};
-        if (read(g_lockFd, running, 32) < 0)
-            running[0] = '\0';
-        std::fprintf(stderr, "orvex-session daemon is running (%s).\n", running);
-        std::exit(1);
-    }
-    if (ftruncate(g_lockFd, 0) != 0)
-        std::exit(1);
-    fdprintf(g_lockFd, "%d", static_cast<int>(getpid()));
 }
 
-void releaseLock()
-{
-    flock(g_lockFd, LOCK_UN);
-    close(g_lockFd);
-    g_lockFd = -1;
-}
-
-void connectBus(const std::string& serviceName)
+void connectBus(const std::string& mac)
 {
     zs_signal(SIGINT, onSignal);
     zs_signal(SIGTERM, onSignal);
-    std::string address = strformat("@%s/%s", kBusDirectory, serviceName.c_str());
+    std::string serviceName = Paths::serviceName(mac);
+    std::string address = Paths::busAddress(mac);
     g_bus = zs_create(address.c_str(), 4, 1, onHandler);
     if (!g_bus) {
         // Without the bus nobody can reach this process; do not linger as a silent no-op.
@@ -248,16 +256,50 @@ void connectBus(const std::string& serviceName)
     }
 }
 
-void startKeepAlive(Poco::Timer& timer)
+// The session's tick, then the status file's last-use time.
+class KeepAlive {
+public:
+    KeepAlive(Session& session, StatusKeeper& status) : session_(session), status_(status) {}
+    void tick(Poco::Timer& timer)
+    {
+        session_.alive(timer);
+        status_.refresh();
+    }
+
+private:
+    Session& session_;
+    StatusKeeper& status_;
+};
+
+// The observer shares the keeper: a worker still finishing a call after shutdown may
+// call it after run() has returned.
+void observeSession(Session& session, const std::shared_ptr<StatusKeeper>& status)
 {
-    timer.start(Poco::TimerCallback<Session>(Session::getInstance(), &Session::alive));
+    session.setObserver([status](const SessionStatus& now) {
+        status->update(now);
+        Notify::status(describe(now));
+    });
 }
 
-void shutdown(Poco::Timer& timer)
+void onShutdownLimit(int)
 {
+    _exit(1);
+}
+
+// Bounds the shutdown steps: SIGTERM must end the process whatever the device does.
+void limitShutdown()
+{
+    std::signal(SIGALRM, onShutdownLimit);
+    alarm(kShutdownLimitSeconds);
+}
+
+void shutdown(Session& session, Poco::Timer& timer, StatusKeeper& status, std::unique_ptr<LockFile>& lock)
+{
+    Notify::stopping();
+    limitShutdown();
     Service::getInstance().stop();
     try {
-        Session::getInstance().signout();
+        session.signout();
     } catch (const Poco::Exception& e) {
         // The device may be gone already; the remaining steps must still run.
         Poco::Logger::root().warning(strformat("[Session] signout: %s", e.message().c_str()));
@@ -266,8 +308,10 @@ void shutdown(Poco::Timer& timer)
     }
     zs_free(g_bus);
     g_bus = nullptr;
+    session.setObserver(nullptr);
+    status.remove();
     Poco::Logger::shutdown();
-    releaseLock();
+    lock.reset();
     timer.stop();
 }
 
@@ -275,20 +319,29 @@ int run(int argc, char** argv)
 {
     json_object_seed(0);
     Options options = parseCommandLine(argc, argv);
+    if (options.help || options.version) {
+        std::fputs(options.help ? kUsage : (std::string("orvex-session ") + version() + "\n").c_str(), stdout);
+        return 0;
+    }
     checkMac(options.mac);
     if (!options.debug)
         detach();
     setupLogging(options);
-    std::string serviceName = strformat("%s@%s", kProgram, options.mac.c_str());
-    Service::setServiceName(serviceName);
+    Service::setServiceName(Paths::serviceName(options.mac));
     registerMethods();
-    takeLock(options.mac);
-    connectBus(serviceName);
+    std::unique_ptr<LockFile> lock = takeLock(options);
+    auto status = std::make_shared<StatusKeeper>(options.mac);
+    connectBus(options.mac);
+    Session& session = Session::getInstance();
+    observeSession(session, status);
+    KeepAlive keepAlive(session, *status);
     Poco::Timer timer(kKeepAliveStartMs, kKeepAlivePeriodMs);
-    startKeepAlive(timer);
+    timer.start(Poco::TimerCallback<KeepAlive>(keepAlive, &KeepAlive::tick));
     Service::getInstance().start();
+    // The listening socket exists since connectBus: a caller from now on is served.
+    Notify::ready();
     zs_start(g_bus);
-    shutdown(timer);
+    shutdown(session, timer, *status, lock);
     return 0;
 }
 

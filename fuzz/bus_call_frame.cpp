@@ -4,13 +4,17 @@
 // sent, and close every other connection without a reply; it must never hang or stop
 // serving. The handler echoes "<name up to its first zero byte>\0<body>".
 #include "fuzz/fuzz_support.h"
+#include "tests/support/bus.h"
+#include "zservice/internal.h"
 #include "zservice/zservice.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <string>
-#include <thread>
 
-using namespace OrvexFuzz;
+using namespace Orvex;
 
 namespace {
 
@@ -29,57 +33,34 @@ void echo(const char* method, zs_io* io, int fd)
     zs_io_free(io);
 }
 
-// One service for the whole run; stopped and joined at exit.
-struct Bus {
-    std::string address = uniqueAddress("call");
-    zs* bus = zs_create(address.c_str(), 10, 0, &echo);
-    std::thread loop;
-    Bus()
-    {
-        FUZZ_CHECK(bus != nullptr, "bus service created");
-        loop = std::thread([this] { zs_start(bus); });
-    }
-    ~Bus()
-    {
-        zs_stop(bus);
-        loop.join();
-        zs_free(bus);
-    }
-};
-
 // The reply a well-formed call must get, or "" when the frame is refused or incomplete.
 std::string expectedReply(const uint8_t* data, size_t size)
 {
-    if (size < ZS_HEADER_SIZE || data[0] != ZS_MAGIC0 || data[1] != ZS_MAGIC1 || data[2] != ZS_VERSION ||
-        data[3] != ZS_KIND_CALL)
+    Bus::Header header;
+    if (size < ZS_HEADER_SIZE || !Bus::decodeHeader(data, header) || header.kind != ZS_KIND_CALL)
         return "";
-    uint32_t nameLength = u32le(data + 4);
-    uint32_t bodyLength = u32le(data + 8);
-    if (nameLength < 1 || nameLength > ZS_MAX_NAME || bodyLength > ZS_MAX_BODY ||
-        size - ZS_HEADER_SIZE < uint64_t(nameLength) + bodyLength)
+    if (header.nameLength < 1 || header.nameLength > ZS_MAX_NAME || header.bodyLength > ZS_MAX_BODY ||
+        size - ZS_HEADER_SIZE < uint64_t(header.nameLength) + header.bodyLength)
         return "";
-    std::string name(reinterpret_cast<const char*>(data) + ZS_HEADER_SIZE, nameLength);
+    std::string name(reinterpret_cast<const char*>(data) + ZS_HEADER_SIZE, header.nameLength);
     std::string body = name.substr(0, name.find('\0'));
     body.push_back('\0');
-    body.append(reinterpret_cast<const char*>(data) + ZS_HEADER_SIZE + nameLength, bodyLength);
-    std::string header = {char(ZS_MAGIC0), char(ZS_MAGIC1), char(ZS_VERSION), char(ZS_KIND_REPLY), 0, 0, 0, 0};
-    for (int i = 0; i < 4; ++i)
-        header.push_back(char(body.size() >> (8 * i)));
-    return header + body;
+    body.append(reinterpret_cast<const char*>(data) + ZS_HEADER_SIZE + header.nameLength, header.bodyLength);
+    return Test::frame(ZS_KIND_REPLY, "", body);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static Bus bus;
-    int fd = connectTo(bus.address);
-    FUZZ_CHECK(fd >= 0, "the service still accepts callers");
-    writeAll(fd, data, size);
-    shutdown(fd, SHUT_WR);
-    std::string reply;
-    bool closed = readUntilClosed(fd, reply, kAnswerMs);
-    close(fd);
+    static Test::ServedBus bus(Test::uniqueAddress("call"), &echo, 10);
+    FUZZ_CHECK(bus.ok(), "bus service created");
+    UniqueFd fd(Test::rawConnect(bus.address()));
+    FUZZ_CHECK(fd, "the service still accepts callers");
+    Test::sendAll(fd.get(), std::string(reinterpret_cast<const char*>(data), size));
+    shutdown(fd.get(), SHUT_WR);
+    bool closed = false;
+    std::string reply = Test::readUntilClosed(fd.get(), kAnswerMs, closed);
     FUZZ_CHECK(closed, "the service answers or hangs up in time");
     FUZZ_CHECK(reply == expectedReply(data, size), "reply matches the frame sent");
     return 0;

@@ -3,23 +3,29 @@
 // exactly the announced body for a well-formed reply, and otherwise fail with EPROTO or
 // EMSGSIZE; never hang until its time-out, never read past what was announced.
 #include "fuzz/fuzz_support.h"
+#include "tests/support/bus.h"
+#include "zservice/internal.h"
 #include "zservice/zservice.h"
 
-#include <condition_variable>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
 
-using namespace OrvexFuzz;
+using namespace Orvex;
 
 namespace {
 
 const char kMethod[] = "fuzz";
 
 struct FakeService {
-    std::string address = uniqueAddress("reply");
-    int listenFd = listenOn(address);
+    std::string address = Test::uniqueAddress("reply");
+    UniqueFd listening{Test::rawListen(address)};
     std::mutex mutex;
     std::string answer;
     bool stopping = false;
@@ -27,7 +33,7 @@ struct FakeService {
 
     FakeService()
     {
-        FUZZ_CHECK(listenFd >= 0, "stand-in service listens");
+        FUZZ_CHECK(listening, "stand-in service listens");
         loop = std::thread([this] { serve(); });
     }
     ~FakeService()
@@ -36,42 +42,36 @@ struct FakeService {
             std::lock_guard<std::mutex> lock(mutex);
             stopping = true;
         }
-        // Wake the accept with one last connection.
-        int fd = connectTo(address);
+        UniqueFd wake(Test::rawConnect(address));  // the accept's last connection
         loop.join();
-        if (fd >= 0)
-            close(fd);
-        close(listenFd);
     }
     void serve()
     {
         for (;;) {
-            int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0)
+            UniqueFd fd(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            if (!fd)
                 continue;
             std::string bytes;
             {
                 std::lock_guard<std::mutex> lock(mutex);
-                if (stopping) {
-                    close(fd);
+                if (stopping)
                     return;
-                }
                 bytes = answer;
             }
             // The whole call first, so closing after the answer is a clean end of stream.
             char call[ZS_HEADER_SIZE + sizeof(kMethod) - 1];
-            if (readExactly(fd, call, sizeof(call)))
-                writeAll(fd, bytes.data(), bytes.size());
-            close(fd);
+            if (recv(fd.get(), call, sizeof call, MSG_WAITALL) == sizeof call)
+                Test::sendAll(fd.get(), bytes);
         }
     }
 };
 
 void checkOutcome(const uint8_t* data, size_t size, int result, int error, zs_io* io)
 {
-    bool wellFormed = size >= ZS_HEADER_SIZE && data[0] == ZS_MAGIC0 && data[1] == ZS_MAGIC1 &&
-                      data[2] == ZS_VERSION && data[3] == ZS_KIND_REPLY && u32le(data + 4) == 0;
-    uint32_t bodyLength = size >= ZS_HEADER_SIZE ? u32le(data + 8) : 0;
+    Bus::Header header;
+    bool wellFormed = size >= ZS_HEADER_SIZE && Bus::decodeHeader(data, header) && header.kind == ZS_KIND_REPLY &&
+                      header.nameLength == 0;
+    uint32_t bodyLength = wellFormed ? header.bodyLength : 0;
     if (wellFormed && bodyLength <= size - ZS_HEADER_SIZE) {
         FUZZ_CHECK(result == 0, "a whole reply is accepted");
         std::string body(zs_io_read(io, 0), zs_io_size(io));

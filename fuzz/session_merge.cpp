@@ -3,8 +3,10 @@
 // stand-in (a bus service on that process's address, background thread) answers the input.
 // The reply must end up equal to the answer when that is a JSON object, and empty
 // otherwise; nothing of the reply's earlier content may survive.
+#include "common/paths.h"
 #include "common/raii.h"
 #include "fuzz/fuzz_support.h"
+#include "tests/support/bus.h"
 #include "option/option.h"
 #include "session/buffer.h"
 #include "session/session.h"
@@ -15,7 +17,6 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <thread>
 
 using namespace Orvex;
 
@@ -37,22 +38,11 @@ void answerWithInput(const char*, zs_io* io, int fd)
     zs_io_free(io);
 }
 
-// The per-device process the session's call reaches: "@/var/run/orvex/orvex-session@<mac>".
+// The per-device process the session's call reaches, on that process's bus address.
 struct DeviceProcess {
     std::string mac = "fuzz-" + std::to_string(getpid());
-    zs* bus = zs_create(("@/var/run/orvex/orvex-session@" + mac).c_str(), 10, 1, &answerWithInput);
-    std::thread loop;
-    DeviceProcess()
-    {
-        FUZZ_CHECK(bus != nullptr, "device process stand-in created");
-        loop = std::thread([this] { zs_start(bus); });
-    }
-    ~DeviceProcess()
-    {
-        zs_stop(bus);
-        loop.join();
-        zs_free(bus);
-    }
+    Test::ServedBus bus{Paths::busAddress(mac), &answerWithInput, 10, 1};
+    DeviceProcess() { FUZZ_CHECK(bus.ok(), "device process stand-in created"); }
 };
 
 JsonRef staleReply()

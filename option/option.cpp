@@ -6,6 +6,10 @@
 #include <Poco/SingletonHolder.h>
 #include <Poco/String.h>
 
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <limits>
@@ -18,8 +22,11 @@ namespace {
 constexpr int64_t PORT_MIN = 1;
 constexpr int64_t PORT_MAX = 65535;
 
-const char* const TCP_PROBE = "/usr/sbin/lsof -nPiTCP:%d -sTCP:LISTEN | /usr/bin/tail -n1 | /bin/cut -d' ' -f1";
-const char* const UDP_PROBE = "/usr/sbin/lsof -nPiUDP:%d | /usr/bin/tail -n1 | /bin/cut -d' ' -f1";
+const char* const TCP_PROBE = "%s -nPiTCP:%d -sTCP:LISTEN | /usr/bin/tail -n1 | /bin/cut -d' ' -f1";
+const char* const UDP_PROBE = "%s -nPiUDP:%d | /usr/bin/tail -n1 | /bin/cut -d' ' -f1";
+// The appliance keeps lsof in /usr/sbin, Debian in /usr/bin.
+const char* const LSOF_PATHS[] = {"/usr/sbin/lsof", "/usr/bin/lsof"};
+constexpr size_t HOST_MAX = 253;
 
 [[noreturn]] void fail(const char* key, const char* word)
 {
@@ -136,7 +143,10 @@ void readRanged(json_t* args, const char* key, int32_t& field, int64_t low, int6
 std::string portHolder(const char* probe, int32_t port)
 {
     ORVEX_TRACE();
-    std::string command = strformat(probe, port);
+    const char* lsof = LSOF_PATHS[0];
+    if (::access(lsof, X_OK) != 0 && ::access(LSOF_PATHS[1], X_OK) == 0)
+        lsof = LSOF_PATHS[1];
+    std::string command = strformat(probe, lsof, port);
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
     if (!pipe)
         return std::string();
@@ -156,6 +166,19 @@ void checkPortFree(json_t* args, const char* key, const char* probe, int32_t por
     std::string holder = portHolder(probe, port);
     if (!holder.empty() && holder != "rsyslogd")
         fail(key, "occupied");
+}
+
+// An IP address or a host name: it goes into the Host header and the log, so no blanks,
+// control characters or anything else a name cannot hold.
+bool hostLike(const std::string& text)
+{
+    ORVEX_TRACE();
+    unsigned char address[16];
+    if (inet_pton(AF_INET, text.c_str(), address) == 1 || inet_pton(AF_INET6, text.c_str(), address) == 1)
+        return true;
+    auto nameChar = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == '_'; };
+    return !text.empty() && text.size() <= HOST_MAX && std::all_of(text.begin(), text.end(), nameChar) &&
+           text.find("..") == std::string::npos && text.front() != '.' && text.front() != '-';
 }
 
 // One "id" element: an integer or a digit string, never 0.
@@ -235,6 +258,8 @@ SigninOption::SigninOption(json_t* args) : context(args)
 {
     ORVEX_TRACE();
     ip = stringOf(required(args, "ip"), "ip");
+    if (!hostLike(ip))
+        fail("ip", "incorrect");
     port = rangedOf(required(args, "port"), "port", PORT_MIN, PORT_MAX);
     user = stringOf(required(args, "user"), "user");
     // The password is taken as it comes; a non-string reads as empty rather than failing.
@@ -274,11 +299,10 @@ SyslogClientOption::SyslogClientOption(json_t* args, bool idRequired) : context(
     ORVEX_TRACE();
     json_t* value = idRequired ? required(args, "id") : lookup(args, "id");
     if (value) {
-        // Negative numbers are refused too: they would wrap into huge unsigned ids.
-        int64_t number = integerOf(value);
-        if (number <= 0)
+        // Read as unsigned: -1 is the id 18446744073709551615, as the id operations send it.
+        id = uint64_t(integerOf(value));
+        if (id == 0)
             fail("id", "incorrect");
-        id = uint64_t(number);
     }
     mode = rangedOf(required(args, "mode"), "mode", 1, 3);
     port = rangedOf(required(args, "port"), "port", PORT_MIN, PORT_MAX);

@@ -6,7 +6,8 @@
 // "<key> incorrect" (plus the few fixed sentences of SyslogServerOption). Only IdOption
 // changes the argument object: a single "id" is rewritten in place into a one-element array.
 // Records are plain values; building them from different threads on different argument
-// objects is safe. SyslogServerOption runs a shell pipeline (lsof) to probe its ports.
+// objects is safe. SyslogServerOption runs a shell pipeline (lsof from /usr/sbin, or from
+// /usr/bin where the system keeps it there) to probe its ports.
 #pragma once
 
 #include <jansson.h>
@@ -43,8 +44,8 @@ private:
     std::string language_;
 };
 
-// Device to sign in to. Checks: "ip", "port" (1..65535), "user", "pass" (no type check: a
-// non-string reads as empty), "secure"; all required.
+// Device to sign in to. Checks: "ip" (an IP address or a host name), "port" (1..65535),
+// "user", "pass" (no type check: a non-string reads as empty), "secure"; all required.
 struct SigninOption {
     Option context;
     std::string ip;
@@ -76,8 +77,8 @@ struct SyslogClientManagerOption {
     explicit SyslogClientManagerOption(json_t* args);
 };
 
-// One forwarding destination. Checks: "id" (required only when idRequired; checked, non-zero,
-// whenever present), "mode" (1..3), "port" (1..65535), "address" (non-empty string), switches.
+// One forwarding destination. Checks: "id" (required only when idRequired; whenever present
+// read as unsigned 64-bit by the integer rule, so -1 is 2^64-1, and not 0), "mode" (1..3), "port" (1..65535), "address" (non-empty string), switches.
 struct SyslogClientOption {
     Option context;
     uint64_t id = 0;

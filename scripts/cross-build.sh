@@ -6,7 +6,7 @@
 # First makes sure of, installing what is missing (idempotent, quiet when present):
 #  - the host tools: Debian's aarch64 cross compiler, qemu-user (+ binfmt entries);
 #  - the arm64 package lists (dpkg --add-architecture arm64, apt-get update);
-#  - build-aarch64-sysroot: Debian's arm64 packages of POCO, jansson, the MariaDB client,
+#  - build-aarch64-sysroot: Debian's arm64 packages of POCO, jansson, the MariaDB client, libsystemd,
 #    OpenSSL and GoogleTest with their dependencies, unpacked with dpkg-deb. They are not
 #    installed as :arm64 packages because libmariadb-dev is not Multi-Arch (installing
 #    libmariadb-dev:arm64 or libpoco-dev:arm64 would remove the amd64 -dev packages the
@@ -28,7 +28,7 @@ read -r -a cmake_args <<< "${ORVEX_CROSS_CMAKE_ARGS:--DORVEX_BENCH=OFF -DORVEX_T
 
 host_packages=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user qemu-user-binfmt
   dpkg-dev cmake pkg-config file)
-arm_packages=(libpoco-dev libjansson-dev libmariadb-dev libssl-dev libgtest-dev libgmock-dev
+arm_packages=(libpoco-dev libjansson-dev libmariadb-dev libssl-dev libsystemd-dev libgtest-dev libgmock-dev
   libstdc++6 libgcc-s1)
 # The C library's headers come with the cross compiler; a second copy would shadow them.
 skip_debs='^(libc6-dev|linux-libc-dev|libcrypt-dev|libnsl-dev|libtirpc-dev|rpcsvc-proto|libc-dev-bin)_'

@@ -26,8 +26,10 @@ say() { echo "cross-test.sh: $*" >&2; }
 
 # Emulator artefacts, not faults of the code (the tests pass natively; the behaviour
 # is qemu-user's): it receives descriptors into a control buffer twice the caller's size
-# and leaks those that do not fit, where the kernel closes them.
+# and leaks those that do not fit, where the kernel closes them; and /proc/PID/exe of an
+# emulated daemon names qemu, not orvex-session, so a stop of every session finds none.
 emulator_artefacts='zservice_test\.ZserviceDescriptor\.ExtraDescriptorsAreClosedAndTruncatedControlDataIsABadFrame'
+emulator_artefacts+='|session_bus_test\.SessionBus\.StopWithoutAMacEndsEverySessionProcessWhichSignsOut'
 select=(-E "^e2e_|$emulator_artefacts")
 do_build=1
 while [ $# -gt 0 ]; do

@@ -4,8 +4,9 @@
 # starts a session process for each with orvexctl and runs every method, printing each call
 # and its reply. Everything it started is stopped on exit, whatever happens.
 # Run as root on Debian 12: it installs to /usr/local and uses /var/lock and /var/log/orvex.
-#   scripts/demo.sh [--installed]   --installed: use the programs already in /usr/local
-#                                   (e.g. from the .deb package); no build, no install.
+#   scripts/demo.sh [--installed]   --installed: use the programs the .deb packages
+#                                   installed (/usr/bin, daemon in /usr/local/sbin);
+#                                   no build, no install.
 set -euo pipefail
 installed=0
 [ "${1:-}" = --installed ] && installed=1
@@ -16,7 +17,10 @@ if [ "$(id -u)" != 0 ]; then
   exit 1
 fi
 
+# cmake --install puts the tools in /usr/local/bin, the packages in /usr/bin; the daemon
+# is /usr/local/sbin/orvex-session either way.
 bin=/usr/local/bin
+[ "$installed" = 1 ] && bin=/usr/bin
 legacy_mac=02:00:00:00:00:01
 token_mac=02:00:00:00:00:02
 work=$(mktemp -d /tmp/orvex-demo.XXXXXX)

@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev
   lsof iproute2 util-linux procps curl openssl file
   clang libclang-rt-14-dev
+  libsystemd-dev dbus ccache gcovr
+  debhelper dpkg-dev lintian systemd man-db
 )
 packages+=("$@")
 missing=()

@@ -2,7 +2,8 @@
 // onto its reply descriptor behind one Content-Type line, then completed with zs_reply.
 // Neither helper frees the caller's object, closes the descriptor or frees the channel;
 // a channel whose caller has gone (zs_io_alive false) gets nothing, not even on the
-// descriptor. Write failures are not checked: the caller has no one left to tell.
+// descriptor. Write failures are not checked: the caller has no one left to tell. A reply
+// descriptor nobody reads is given up after kReplyFdMs, so no thread waits on it for ever.
 #pragma once
 
 #include "common/misc.h"
@@ -30,6 +31,14 @@ inline int json_write_io(const char* buffer, size_t size, zs_io* io)
 {
     return static_cast<int>(zs_io_write(io, buffer, size) - static_cast<ssize_t>(size));
 }
+
+// How long a reply may take to go onto a caller's descriptor.
+constexpr int kReplyFdMs = 5000;
+
+// Writes all of data to fd within timeoutMs without touching the descriptor's flags (they
+// belong to the caller's open file too): each write waits for room first and stays within
+// PIPE_BUF, so it cannot block on a pipe or socket. False on time-out or error.
+bool writeWithin(int fd, const char* data, size_t size, int timeoutMs) noexcept;
 
 namespace detail {
 
@@ -59,9 +68,13 @@ inline void writeReplyDocument(zs_io* io, int fd, json_t* document)
         json_dump_callback(document, &jsonWriteIoCallback, io, ORVEX_JSON_FLAGS);
         return;
     }
-    fdprintf(fd, "%s", ORVEX_REPLY_HEADER);
-    json_dumpfd(document, fd, ORVEX_JSON_FLAGS);
-    ::fsync(fd);
+    std::string text = ORVEX_REPLY_HEADER;
+    if (char* dumped = json_dumps(document, ORVEX_JSON_FLAGS)) {
+        text += dumped;
+        free(dumped);
+    }
+    if (writeWithin(fd, text.data(), text.size(), kReplyFdMs))
+        ::fsync(fd);
 }
 
 }  // namespace detail

@@ -18,6 +18,8 @@
 
 namespace Orvex {
 
+std::atomic<Service*> Service::instance_{nullptr};
+
 const char* Service::__help__ = "[Method|Resource]:\n   Resource also be defined in method, all avaiable method are:\n";
 
 namespace {
@@ -64,14 +66,13 @@ void failCall(zs_io* io, int fd, int code, const char* message)
 
 Service::Service()
     : name_("orvex"),
-      boundedPool_(1, 32, 60),
-      unboundedPool_(1, 8, 60),
       boundedWorker_(5000),
       unboundedWorker_(0)
 {
     ORVEX_TRACE();
     Poco::SharedPtr<Endpoint> endpoint(new Endpoint{true, __help__, nullptr, &Service::help, TicktockQueue::TICK});
     addEndpoint(&processWorker_, TicktockQueue::TICK, "help", "", endpoint);
+    instance_.store(this);
 }
 
 Service::~Service()
@@ -80,8 +81,9 @@ Service::~Service()
     // are destroyed. stopAll waits at most ten seconds for a thread still in a handler.
     boundedWorker_.finish();
     unboundedWorker_.finish();
-    boundedPool_.stopAll();
-    unboundedPool_.stopAll();
+    for (auto* pool : {boundedPool_.get(), unboundedPool_.get()})
+        if (pool != nullptr)
+            pool->stopAll();
 }
 
 Service& Service::getInstance()
@@ -177,14 +179,28 @@ void Service::start()
     ORVEX_TRACE();
     logLine(Poco::Message::PRIO_INFORMATION, strformat("[%s] service pid(%d) start.", name_.c_str(), int(::getpid())));
     sort();
-    boundedPool_.start(boundedWorker_);
-    unboundedPool_.start(unboundedWorker_);
+    if (used(&boundedWorker_)) {
+        boundedPool_ = std::make_unique<Poco::ThreadPool>(1, 32, 60);
+        boundedPool_->start(boundedWorker_);
+    }
+    if (used(&unboundedWorker_)) {
+        unboundedPool_ = std::make_unique<Poco::ThreadPool>(1, 8, 60);
+        unboundedPool_->start(unboundedWorker_);
+    }
+}
+
+bool Service::used(const AbstractWorker* worker) const
+{
+    return std::any_of(endpoints_.begin(), endpoints_.end(),
+        [worker](const Poco::SharedPtr<Endpoint>& endpoint) { return endpoint->worker == worker; });
 }
 
 void Service::stop()
 {
     ORVEX_TRACE();
     logLine(Poco::Message::PRIO_INFORMATION, strformat("[%s] service pid(%d) stop.", name_.c_str(), int(::getpid())));
+    boundedWorker_.stop();
+    unboundedWorker_.stop();
 }
 
 Endpoint* Service::findEndpoint(const char* name)
@@ -232,6 +248,7 @@ Endpoint* Service::findEndpoint(const char* method, json_t*& args)
 void Service::dispatch(const char* method, zs_io* io, int fd)
 {
     ORVEX_TRACE();
+    const size_t bytes = zs_io_size(io);
     JsonRef args = JsonRef::adopt(readArguments(io));
     // The bus may keep the method name inside the channel, which the sync-false path frees.
     std::string name = method != nullptr ? method : "";
@@ -248,7 +265,7 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
             io = nullptr;
             fd = -1;
         }
-        endpoint->worker->dispatch(endpoint, args.get(), name.c_str(), io, fd);
+        endpoint->worker->dispatch(endpoint, args.get(), name.c_str(), io, fd, bytes);
         args.release();  // the worker owns it now
     } catch (Poco::Exception& e) {
         failCall(io, fd, e.code(), e.message().c_str());
@@ -258,15 +275,16 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
     }
 }
 
+// Runs in a forked child: no trace, no singleton lock.
 void Service::help(zs_io* io, json_t*& args, int& fd)
 {
-    ORVEX_TRACE();
     (void)fd;  // the worker closes it; help answers in the channel only
     const char* method = "";
     json_unpack(args, "{s?s}", "method", &method);
     std::string name = method != nullptr ? method : "";
     zs_io_realloc(io, 0);
-    getInstance().replyHelp(io, name);
+    Service* service = instance_.load();
+    (service != nullptr ? *service : getInstance()).replyHelp(io, name);
     zs_reply(io);
 }
 

@@ -13,7 +13,9 @@
 
 #include <jansson.h>
 
+#include <atomic>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -57,9 +59,13 @@ public:
     // Fills the help listing (every name but "help") grouped by what follows a 4-letter
     // verb; throws std::out_of_range for a name shorter than 4 characters.
     void sort();
-    // Logs, sorts and starts the two thread workers. Call once.
+    // Logs, sorts and starts the thread workers that registered endpoints use (an unused
+    // one costs no thread). Register everything before; call once.
     void start();
-    // Logs only: worker threads end with the process.
+    // Logs, then stops the thread workers: calls still queued are answered with error_code
+    // PthreadWorker::kStoppedCode ("service stopped") instead of reaching the device after
+    // the shutdown; a call already running finishes. Call after the bus loop has returned.
+    // Worker threads end with the process.
     void stop();
 
     // Exact plain-name lookup; ResourceException(name, 404) if absent.
@@ -92,9 +98,13 @@ private:
     void addResource(const std::string& restful, const Poco::SharedPtr<Endpoint>& endpoint);
     void replyHelp(zs_io* io, const std::string& method);
 
+    static std::atomic<Service*> instance_;  // for help in a forked child: no singleton lock there
     std::string name_;
-    Poco::ThreadPool boundedPool_;
-    Poco::ThreadPool unboundedPool_;
+    bool used(const AbstractWorker* worker) const;
+
+    // Created by start() for a worker some endpoint uses (a pool starts a thread at once).
+    std::unique_ptr<Poco::ThreadPool> boundedPool_;
+    std::unique_ptr<Poco::ThreadPool> unboundedPool_;
     ResourceNode root_;
     PthreadWorker boundedWorker_;
     PthreadWorker unboundedWorker_;

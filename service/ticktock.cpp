@@ -6,6 +6,7 @@
 #include <Poco/SingletonHolder.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace Orvex {
 
@@ -124,6 +125,19 @@ void TicktockQueue::dispatch(Poco::NotificationCenter& center)
     Poco::FastMutex::ScopedLock lock(mutex_);
     while (Poco::Notification::Ptr notification = takeLocked())
         center.postNotification(notification);
+}
+
+std::vector<Poco::Notification::Ptr> TicktockQueue::removeIf(const std::function<bool(Poco::Notification*)>& drop)
+{
+    std::vector<Poco::Notification::Ptr> removed;
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    for (auto& queue : queues_) {
+        auto keep = std::stable_partition(queue.begin(), queue.end(),
+            [&](const Poco::Notification::Ptr& n) { return !drop(const_cast<Poco::Notification*>(n.get())); });
+        std::move(keep, queue.end(), std::back_inserter(removed));
+        queue.erase(keep, queue.end());
+    }
+    return removed;
 }
 
 void TicktockQueue::wakeUpAll()

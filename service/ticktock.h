@@ -12,6 +12,8 @@
 
 #include <cstddef>
 #include <deque>
+#include <functional>
+#include <vector>
 
 namespace Orvex {
 
@@ -41,6 +43,9 @@ public:
 
     // Posts every queued notification to the centre in alternation order (under the lock).
     void dispatch(Poco::NotificationCenter& center);
+    // Takes out every queued notification for which drop is true (drop runs under the
+    // lock and must not call back into the queue); the others keep their order.
+    std::vector<Poco::Notification::Ptr> removeIf(const std::function<bool(Poco::Notification*)>& drop);
     // Releases every blocked taker with no notification; queued work stays queued.
     void wakeUpAll();
     // Queued notifications of both classes together.

@@ -6,6 +6,8 @@
 #include "service/misc.h"
 #include "service/service.h"
 
+#include "zservice/channel.h"
+
 #include <Poco/Logger.h>
 
 #include <mysql.h>
@@ -14,14 +16,20 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <sys/wait.h>
+#include <utility>
 #include <unistd.h>
 
 namespace Orvex {
 
 namespace {
 
+// Set in a forked grandchild: it must not take the logging library's locks.
+bool forkedChild = false;
+
 void logAt(Poco::Message::Priority priority, const std::string& text)
 {
+    if (forkedChild)
+        return;
     Poco::Logger& root = Poco::Logger::root();
     if (root.getLevel() >= priority)
         root.log(Poco::Message(root.name(), text, priority));
@@ -44,13 +52,71 @@ private:
     zs_io* io_;
 };
 
+// Closes every descriptor from 3 up except the two kept (either may be -1): what a forked
+// call must not hold (the listening socket, other callers, the lock file, the log).
+void closeAllBut(int a, int b)
+{
+    if (a > b)
+        std::swap(a, b);
+    unsigned from = 3;
+    for (int keep : {a, b}) {
+        if (keep < static_cast<int>(from))
+            continue;
+        if (static_cast<unsigned>(keep) > from && ::close_range(from, unsigned(keep) - 1, 0) != 0)
+            for (unsigned fd = from; fd < unsigned(keep); ++fd)
+                ::close(int(fd));
+        from = unsigned(keep) + 1;
+    }
+    if (::close_range(from, ~0u, 0) != 0) {
+        const long last = ::sysconf(_SC_OPEN_MAX);
+        for (long fd = from; fd < (last > 0 ? last : 1024); ++fd)
+            ::close(int(fd));
+    }
+}
+
+// The grandchild's whole life: no lock, no log line (see ProcessWorker).
+[[noreturn]] void runForked(AbstractWorker& worker, Function function, json_t* args, const char* method, zs_io* io,
+                            int fd)
+{
+    forkedChild = true;
+    trace::rootLogger().setLevel(0);  // a plain store; the parent looked the logger up before the fork
+    closeAllBut(channelSocket(io), fd);
+    ::alarm(ProcessWorker::kForkedCallSeconds);
+    worker.invoke(function, args, method, io, fd);
+    ::_exit(0);
+}
+
 }  // namespace
+
+WorkerTask::WorkerTask(int fd, zs_io* io, json_t* args, const char* method, Function function, size_t bytes)
+    : fd(fd),
+      io(io),
+      args(args),
+      method(method != nullptr ? method : ""),
+      function(function),
+      bytes(bytes),
+      hadCaller(channelSocket(io) >= 0),
+      queuedAt(std::chrono::steady_clock::now())
+{
+}
+
+bool WorkerTask::callerGone() const
+{
+    return hadCaller && !zs_io_alive(io);
+}
+
+// A call taken at once cannot have lost its caller in between: the liveness check (a
+// system call) is left to calls that waited behind others.
+bool WorkerTask::waitedAndCallerGone() const
+{
+    return std::chrono::steady_clock::now() - queuedAt >= kWaitedLong && callerGone();
+}
 
 void releaseCall(json_t* args, int fd, zs_io* io) noexcept
 {
     json_decref(args);
     errno = 0;
-    if (!(::fcntl(fd, F_GETFD) == -1 && errno == EBADF))
+    if (fd >= 0 && !(::fcntl(fd, F_GETFD) == -1 && errno == EBADF))
         ::close(fd);
     if (io != nullptr)
         zs_io_free(io);
@@ -95,20 +161,68 @@ void AbstractWorker::invoke(Function function, json_t* args, const char* method,
     ORVEX_TRACE_POINT(":leave");
 }
 
-void PthreadWorker::dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd)
+void PthreadWorker::dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd, size_t bytes)
 {
     ORVEX_TRACE();
-    // The size check and the enqueue lock separately: with one producer (the bus thread)
+    const char* name = method != nullptr ? method : "";
+    if (stopped_.load()) {
+        refuse(args, io, fd, kStoppedCode, kStoppedMessage);
+        return;
+    }
+    if (overBytes(bytes))
+        dropGoneCallers();
+    // The checks and the enqueue lock separately: with one producer (the bus thread)
     // the queue can only shrink in between.
-    if (maxQueueLength_ == 0 || queue_.size() < maxQueueLength_) {
-        Poco::Notification::Ptr task(new WorkerTask(fd, io, args, method, endpoint->function));
+    if (overBytes(bytes)) {
+        ORVEX_WORKER_LOG(Poco::Message::PRIO_WARNING, "[PthreadWorker] queue holds %zu bytes: %s refused with 429",
+            queuedBytes_.load(), name);
+    } else if (maxQueueLength_ != 0 && queue_.size() >= maxQueueLength_) {
+        ORVEX_WORKER_LOG(Poco::Message::PRIO_WARNING, "[PthreadWorker] queue full (%llu calls): %s refused with 429",
+            static_cast<unsigned long long>(maxQueueLength_), name);
+    } else {
+        queuedBytes_ += bytes;
+        Poco::Notification::Ptr task(new WorkerTask(fd, io, args, method, endpoint->function, bytes));
         queue_.enqueueNotification(task, endpoint->ticktock);
         return;
     }
-    ORVEX_WORKER_LOG(Poco::Message::PRIO_WARNING, "[PthreadWorker] queue full (%llu calls): %s refused with 429",
-        static_cast<unsigned long long>(maxQueueLength_), method != nullptr ? method : "");
-    zs_reply_json(io, fd, nullptr, 429, "");
+    refuse(args, io, fd, 429, "");
+}
+
+bool PthreadWorker::overBytes(size_t bytes) const
+{
+    return bytes > 0 && queuedBytes_.load() + bytes > kMaxQueuedBytes;
+}
+
+void PthreadWorker::refuse(json_t* args, zs_io* io, int fd, int code, const char* message)
+{
+    zs_reply_json(io, fd, nullptr, code, message);
     releaseCall(args, fd, io);
+}
+
+// Calls whose callers hung up while queued give their memory back before anyone is refused.
+void PthreadWorker::dropGoneCallers()
+{
+    auto gone = queue_.removeIf([](Poco::Notification* n) {
+        auto* task = dynamic_cast<WorkerTask*>(n);
+        return task != nullptr && task->callerGone();
+    });
+    for (auto& notification : gone) {
+        auto* task = static_cast<WorkerTask*>(notification.get());
+        queuedBytes_ -= task->bytes;
+        releaseCall(task->args, task->fd, task->io);
+    }
+}
+
+void PthreadWorker::stop()
+{
+    ORVEX_TRACE();
+    stopped_.store(true);
+    auto queued = queue_.removeIf([](Poco::Notification* n) { return dynamic_cast<WorkerTask*>(n) != nullptr; });
+    for (auto& notification : queued) {
+        auto* task = static_cast<WorkerTask*>(notification.get());
+        queuedBytes_ -= task->bytes;
+        refuse(task->args, task->io, task->fd, kStoppedCode, kStoppedMessage);
+    }
 }
 
 void PthreadWorker::run()
@@ -120,6 +234,12 @@ void PthreadWorker::run()
         WorkerTask* task = dynamic_cast<WorkerTask*>(notification.get());
         if (task == nullptr)
             break;
+        queuedBytes_ -= task->bytes;
+        if (task->waitedAndCallerGone()) {
+            // Nobody waits for the answer any more: the call is not run.
+            releaseCall(task->args, task->fd, task->io);
+            continue;
+        }
         try {
             invoke(task->function, task->args, task->method.c_str(), task->io, task->fd);
         } catch (...) {
@@ -144,8 +264,9 @@ void PthreadWorker::finish()
     queue_.enqueueUrgentNotification(new Poco::Notification, TicktockQueue::TICK);
 }
 
-void ProcessWorker::dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd)
+void ProcessWorker::dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd, size_t bytes)
 {
+    (void)bytes;
     ORVEX_TRACE_POINT(":enter");
     pid_t first = ::fork();
     if (first < 0) {
@@ -153,19 +274,12 @@ void ProcessWorker::dispatch(Endpoint* endpoint, json_t* args, const char* metho
         throw std::runtime_error("ProcessDispatcher");
     }
     if (first == 0) {
-        pid_t second = ::fork();
-        if (second < 0) {
-            ORVEX_WORKER_LOG(Poco::Message::PRIO_FATAL, "%s", "[ProcessWorker] fork second child process fail");
+        // A child of a threaded process: nothing but fork and _exit here (no log line,
+        // no lock); the process's exit closes what it inherited.
+        if (::fork() != 0)
             ::_exit(0);
-        }
-        if (second > 0) {
-            releaseCall(args, fd, io);
-            ::_exit(0);
-        }
         // The grandchild: reparented to init once its parent exits, so nobody reaps it.
-        invoke(endpoint->function, args, method, io, fd);
-        ORVEX_TRACE_POINT(":leave");
-        ::_exit(0);
+        runForked(*this, endpoint->function, args, method, io, fd);
     }
     while (::waitpid(first, nullptr, 0) < 0 && errno == EINTR) {
     }

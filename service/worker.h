@@ -15,6 +15,9 @@
 
 #include <jansson.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -32,7 +35,9 @@ void releaseCall(json_t* args, int fd, zs_io* io) noexcept;
 
 class AbstractWorker {
 public:
-    virtual void dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd) = 0;
+    // bytes: the call body's size, counted against a queue's byte cap.
+    virtual void dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd,
+                          size_t bytes = 0) = 0;
 
     // Runs the handler and finishes the call (exception -> error reply, then release).
     // A SessionException ends the whole process with _exit(0) after its reply.
@@ -47,48 +52,79 @@ protected:
 class WorkerTask : public Poco::Notification {
 public:
     using Ptr = Poco::AutoPtr<WorkerTask>;
-    WorkerTask(int fd, zs_io* io, json_t* args, const char* method, Function function)
-        : fd(fd), io(io), args(args), method(method != nullptr ? method : ""), function(function)
-    {
-    }
+    WorkerTask(int fd, zs_io* io, json_t* args, const char* method, Function function, size_t bytes);
 
     int fd;
     zs_io* io;
     json_t* args;
     std::string method;
     Function function;
+    size_t bytes;     // counted in the worker's queued bytes
+    bool hadCaller;   // io came with a caller's connection (not a scratch buffer)
+    std::chrono::steady_clock::time_point queuedAt;
+
+    // True when the call came from a caller who has hung up since: nobody waits for it.
+    bool callerGone() const;
+    // The same, checked only for a call that waited at least kWaitedLong.
+    bool waitedAndCallerGone() const;
+    static constexpr std::chrono::milliseconds kWaitedLong{1};
 
 protected:
     ~WorkerTask() override = default;
 };
 
 // Queues calls for the one thread that runs it (start it once on a pool). A non-zero
-// limit refuses a call with 429 once that many are waiting. dispatch runs on the bus
-// thread and never waits for a handler.
+// limit refuses a call with 429 once that many are waiting; so does a queue holding more
+// than kMaxQueuedBytes of call bodies after the calls whose callers hung up are dropped.
+// A call whose caller hung up while it waited is dropped instead of run. dispatch runs on
+// the bus thread and never waits for a handler.
 class PthreadWorker : public AbstractWorker, public Poco::Runnable {
 public:
+    static constexpr size_t kMaxQueuedBytes = 64u << 20;
+    // The reply of a call that was still queued when the service stopped.
+    static constexpr int kStoppedCode = 503;
+    static constexpr const char* kStoppedMessage = "service stopped";
+
     explicit PthreadWorker(uint64_t maxQueueLength = 0) : maxQueueLength_(maxQueueLength) {}
     virtual ~PthreadWorker() = default;
 
-    void dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd) override;
+    void dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd,
+                  size_t bytes = 0) override;
     // Takes calls until woken by wakeUpAll or handed a notification that is no call.
     void run() override;
     // Releases a thread blocked in run; calls still queued are never run.
     void wakeUpAll();
     // Makes run return after the calls taken before it (used when the owner goes away).
     void finish();
+    // Refuses every call from now on and answers those still queued with kStoppedCode and
+    // kStoppedMessage; the call running now finishes. Call it once the bus loop has
+    // stopped, so no dispatch runs at the same time.
+    void stop();
 
 private:
+    bool overBytes(size_t bytes) const;
+    void dropGoneCallers();
+    void refuse(json_t* args, zs_io* io, int fd, int code, const char* message);
+
     uint64_t maxQueueLength_;
+    std::atomic<size_t> queuedBytes_{0};
+    std::atomic<bool> stopped_{false};
     TicktockQueue queue_;
 };
 
 // Runs each call in a grandchild process (double fork): nobody has to reap it and the
 // service never waits for the handler. Throws std::runtime_error("ProcessDispatcher") if
 // the first fork fails.
+// The grandchild, a child of a threaded process, takes no lock and writes no log line
+// (another thread may have held one at the fork): logging is switched off in it and
+// handlers run there must not log either. It keeps only the standard streams, the call's
+// connection and its reply descriptor, so no listening socket or other caller's connection
+// outlives the service in it, and it ends after kForkedCallSeconds at the latest.
 class ProcessWorker : public AbstractWorker {
 public:
-    void dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd) override;
+    static constexpr unsigned kForkedCallSeconds = 30;
+    void dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd,
+                  size_t bytes = 0) override;
 };
 
 }  // namespace Orvex

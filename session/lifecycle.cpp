@@ -1,49 +1,25 @@
-// Sign-in, sign-out, the device identity and the keep-alive tick; and the client side of
-// the per-device processes (launch, stop, forward a call over the service bus).
+// Sign-in, sign-out, the device identity and the keep-alive tick; and the forwarders of the
+// client-side operations on per-device processes.
 #include "session/session.h"
 
 #include "common/misc.h"
-#include "common/raii.h"
 #include "common/trace.h"
-#include "session/buffer.h"
-#include "zservice/channel.h"
+#include "daemon/control.h"
+#include "session/exchange.h"
 
 #include <Poco/Logger.h>
-#include <Poco/Process.h>
 
 #include <unistd.h>
 
-#include <cstdlib>
+#include <algorithm>
 
 namespace Orvex {
 
-using session_detail::dumpInto;
-using session_detail::replaceContent;
+using session_detail::Cause;
 
 namespace {
 
-constexpr const char* kRunDirectory = "/var/run/orvex";
-constexpr const char* kProgramName = "orvex-session";
-constexpr const char* kProgramFile = "/usr/local/sbin/orvex-session";
 constexpr time_t kIdleLimit = 600;
-constexpr int kCallTimeout = 30;
-
-std::string deviceAddress(const std::string& mac)
-{
-    return strformat("@%s/%s@%s", kRunDirectory, kProgramName, mac.c_str());
-}
-
-// One bus call to the per-device process; the buffer then holds its reply.
-void callDevice(const std::string& mac, const std::string& method, zs_io* buffer)
-{
-    if (zs_call(deviceAddress(mac).c_str(), method.c_str(), buffer, kCallTimeout, -1) != 0)
-        throw SessionNotFound(mac, 0);
-}
-
-void replaceWithReply(json_t* target, zs_io* buffer)
-{
-    replaceContent(target, zs_io_read(buffer, 0), zs_io_size(buffer));
-}
 
 [[noreturn]] void endProcess(Session& session, const char* reason)
 {
@@ -60,26 +36,59 @@ void replaceWithReply(json_t* target, zs_io* buffer)
 
 }  // namespace
 
+// Publishes the status when a sign-in attempt or a sign-out ends, however it ends.
+struct Session::Published {
+    Session& session;
+    ~Published() { session.publish(true); }
+};
+
 bool Session::signin(json_t*& out, SigninOption& opt)
 {
     ORVEX_TRACE();
     Lock lock(mutex);
-    signout();
+    Published published{*this};
+    stepFailure = Cause::None;
+    try {
+        signoutFamily();
+    } catch (...) {
+        signinFailure = stepFailure == Cause::None ? Cause::Unreachable : stepFailure;
+        throw;
+    }
     host = opt.ip;
     port = static_cast<uint32_t>(opt.port);
     secure = opt.secure;
     user = opt.user;
     password = opt.pass;
-    if (!_nvx_signin() && !_zem_signin())
+    Cause legacy = attempt(&Session::_nvx_signin, "legacy");
+    Cause token = legacy == Cause::None ? Cause::None : attempt(&Session::_zem_signin, "token");
+    signinFailure = std::min(legacy, token) == Cause::None ? Cause::None : std::max(legacy, token);
+    if (signinFailure != Cause::None)
         throw SessionException("signin fail", 403);
     getSystemInfo(out);
     return true;
+}
+
+Session::Cause Session::attempt(bool (Session::*step)(), const char* familyName)
+{
+    stepFailure = Cause::None;
+    if ((this->*step)())
+        return Cause::None;
+    Cause cause = stepFailure == Cause::None ? Cause::BadAnswer : stepFailure;
+    Poco::Logger::root().warning(strformat("[Session] %s sign-in at %s:%u failed: %s", familyName, host.c_str(),
+                                           port, session_detail::causeText(cause)));
+    return cause;
 }
 
 bool Session::signout()
 {
     ORVEX_TRACE();
     Lock lock(mutex);
+    Published published{*this};
+    return signoutFamily();
+}
+
+bool Session::signoutFamily()
+{
     if (family == Zem)
         return _zem_signout();
     if (family == Nvx)
@@ -109,50 +118,25 @@ void Session::alive(Poco::Timer&)
     endProcess(*this, "not signin");
 }
 
+// The client side lives apart from the device protocols (bus clients link only that).
 void Session::start(json_t*& out, const DeviceOption& opt)
 {
-    ORVEX_TRACE();
-    if (opt.mac.empty())
-        throw SessionNotFound(opt.mac, 0);
-    // The program detaches itself, so the wait ends when its first half exits.
-    Poco::ProcessHandle handle = Poco::Process::launch(kProgramFile, Poco::Process::Args{"-m", opt.mac});
-    handle.wait();
-    // Time for the new process to register on the bus.
-    usleep(500000);
-    ZsIoPtr buffer = makeZsIo();
-    JsonRef args = JsonRef::adopt(json_pack("{ss si sb ss ss}", "ip", opt.ip.c_str(), "port", opt.port, "secure",
-                                            opt.secure, "user", opt.user.c_str(), "pass", opt.pass.c_str()));
-    dumpInto(args.get(), buffer.get());
-    args.reset();
-    callDevice(opt.mac, "signin", buffer.get());
-    replaceWithReply(out, buffer.get());
+    Control::start(out, opt);
 }
 
 void Session::stop()
 {
-    ORVEX_TRACE();
-    int status = std::system("/bin/kill $(/usr/sbin/lsof -t /usr/local/sbin/orvex-session) 2>/dev/null");
-    (void)status;
+    Control::stop();
 }
 
-void Session::stop(json_t*&, const MacOption& opt)
+void Session::stop(json_t*& out, const MacOption& opt)
 {
-    ORVEX_TRACE();
-    if (opt.mac.empty())
-        throw SessionNotFound(opt.mac, 0);
-    ZsIoPtr buffer = makeZsIo();
-    callDevice(opt.mac, "signout", buffer.get());
+    Control::stop(out, opt);
 }
 
 void Session::call(json_t*& inout, const DeviceOption& opt, std::string method)
 {
-    ORVEX_TRACE();
-    if (opt.mac.empty())
-        throw SessionNotFound(opt.mac, 0);
-    ZsIoPtr buffer = makeZsIo();
-    dumpInto(inout, buffer.get());
-    callDevice(opt.mac, method, buffer.get());
-    replaceWithReply(inout, buffer.get());
+    Control::call(inout, opt, method);
 }
 
 }  // namespace Orvex

@@ -44,47 +44,47 @@ uint64_t firstId(const IdOption& option)
     return static_cast<uint64_t>(option.ids.front());
 }
 
-// Packs, dumps into a fresh buffer and releases the packed value at once.
-std::string packedClient(const SyslogClientOption& o)
+// Dumps into a fresh buffer with the system's flags and releases the value at once.
+std::string packed(json_t* value)
 {
+    JsonRef owner = JsonRef::adopt(value);
     ZsIoPtr buffer = makeZsIo();
-    JsonRef body = JsonRef::adopt(json_pack("{ss si si sb sb sb sb}", "address", o.address.c_str(), "mode", o.mode,
-                                            "port", o.port, "bsd", o.bsd, "event", o.event, "access", o.access,
-                                            "enable", o.enable));
-    dumpInto(body.get(), buffer.get());
+    dumpInto(owner.get(), buffer.get());
     return bufferText(buffer.get());
 }
 
-void merge(json_t* json, const std::string& answer)
+std::string packedClient(const SyslogClientOption& o)
 {
-    replaceContent(json, answer.data(), answer.size());
+    return packed(json_pack("{ss si si sb sb sb sb}", "address", o.address.c_str(), "mode", o.mode, "port", o.port,
+                            "bsd", o.bsd, "event", o.event, "access", o.access, "enable", o.enable));
 }
 
 }  // namespace
 
+void Session::syslogStep(json_t* json, const char* operation, const std::string& method,
+                         const std::function<std::string()>& target, const std::function<std::string()>& body)
+{
+    Lock lock(mutex);
+    requireSignin();
+    std::string path = target();
+    std::string answer = body ? request(method, path, body(), true) : request(method, path);
+    if (trace::enabled())
+        trace::writef(trace::baseName(__FILE__), __LINE__, operation, "[Session] %s", redacted(answer).c_str());
+    replaceContent(json, answer.data(), answer.size());
+}
+
 void Session::getRsyslogConfig(json_t*& json)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    std::string answer = request(HTTPRequest::HTTP_GET, target("/orvex/v1/rsyslog/config"));
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_GET, [] { return target("/orvex/v1/rsyslog/config"); });
 }
 
 void Session::setRsyslogClientConfig(json_t*& json, SyslogClientManagerOption& option)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    ZsIoPtr buffer = makeZsIo();
-    JsonRef body = JsonRef::adopt(json_pack("{sb sb}", "bsd", option.bsd, "orvex", option.orvex));
-    dumpInto(body.get(), buffer.get());
-    body.reset();
-    std::string answer =
-        request(HTTPRequest::HTTP_PUT, target("/orvex/v1/rsyslog/client/config"), bufferText(buffer.get()), true);
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_PUT,
+               [] { return target("/orvex/v1/rsyslog/client/config"); },
+               [&] { return packed(json_pack("{sb sb}", "bsd", option.bsd, "orvex", option.orvex)); });
 }
 
 // The pack format and its argument list are the established device contract and stay as
@@ -95,99 +95,68 @@ void Session::setRsyslogClientConfig(json_t*& json, SyslogClientManagerOption& o
 void Session::setRsyslogServerConfig(json_t*& json, SyslogServerOption& option)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    ZsIoPtr buffer = makeZsIo();
-    if (option.enable) {
-        JsonRef body = JsonRef::adopt(json_pack("{sb sb sb sb si si}enable", option.enable, "tcp_enable", option.tcp_enable,
-                                                "tls_enable", option.tls_enable, "udp_enable", option.udp_enable,
-                                                "tcp_port", option.tcp_port, "udp_port", option.udp_port));
-        dumpInto(body.get(), buffer.get());
-    }
-    std::string answer = request(HTTPRequest::HTTP_PUT, targetWithSid("/orvex/v1/rsyslog/server/config", sid),
-                                 bufferText(buffer.get()), true);
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_PUT,
+               [&] { return targetWithSid("/orvex/v1/rsyslog/server/config", sid); },
+               [&] {
+                   if (!option.enable)
+                       return std::string();
+                   return packed(json_pack("{sb sb sb sb si si}enable", option.enable, "tcp_enable",
+                                           option.tcp_enable, "tls_enable", option.tls_enable, "udp_enable",
+                                           option.udp_enable, "tcp_port", option.tcp_port, "udp_port",
+                                           option.udp_port));
+               });
 }
 
 void Session::getRsyslogClient(json_t*& json)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    ZsIoPtr buffer = makeZsIo();
-    dumpInto(json, buffer.get());
-    std::string answer =
-        request(HTTPRequest::HTTP_GET, target("/orvex/v1/rsyslog/client"), bufferText(buffer.get()), true);
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_GET, [] { return target("/orvex/v1/rsyslog/client"); },
+               [&] { return packed(json_incref(json)); });
 }
 
 void Session::setRsyslogClient(json_t*& json, SyslogClientOption& option)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    std::string answer = request(HTTPRequest::HTTP_PUT, clientTarget(option.id), packedClient(option), true);
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_PUT, [&] { return clientTarget(option.id); },
+               [&] { return packedClient(option); });
 }
 
 void Session::addRsyslogClient(json_t*& json, SyslogClientOption& option)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    std::string answer =
-        request(HTTPRequest::HTTP_POST, targetWithSid("/orvex/v1/rsyslog/client", sid), packedClient(option), true);
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_POST,
+               [&] { return targetWithSid("/orvex/v1/rsyslog/client", sid); }, [&] { return packedClient(option); });
 }
 
 void Session::delRsyslogClient(json_t*& json, IdOption& option)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    std::string answer = request(HTTPRequest::HTTP_DELETE, clientTarget(firstId(option)));
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_DELETE, [&] { return clientTarget(firstId(option)); });
 }
 
 void Session::setRsyslogClientEnable(json_t*& json, IdOption& option)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    std::string answer = request(HTTPRequest::HTTP_PUT, clientTarget(firstId(option), "/enable"));
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_PUT,
+               [&] { return clientTarget(firstId(option), "/enable"); });
 }
 
 void Session::setRsyslogClientDisable(json_t*& json, IdOption& option)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    std::string answer = request(HTTPRequest::HTTP_PUT, clientTarget(firstId(option), "/disable"));
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_PUT,
+               [&] { return clientTarget(firstId(option), "/disable"); });
 }
 
 void Session::addRsyslogClientTest(json_t*& json, SyslogClientOption& option)
 {
     ORVEX_TRACE();
-    Lock lock(mutex);
-    requireSignin();
-    ZsIoPtr buffer = makeZsIo();
-    JsonRef body = JsonRef::adopt(json_pack("{si ss si sb}", "mode", option.mode, "address", option.address.c_str(),
-                                            "port", option.port, "bsd", option.bsd));
-    dumpInto(body.get(), buffer.get());
-    body.reset();
-    std::string answer =
-        request(HTTPRequest::HTTP_POST, target("/orvex/v1/rsyslog/client/test"), bufferText(buffer.get()), true);
-    ORVEX_TRACE_TEXT("[Session] %s", answer.c_str());
-    merge(json, answer);
+    syslogStep(json, __PRETTY_FUNCTION__, HTTPRequest::HTTP_POST,
+               [] { return target("/orvex/v1/rsyslog/client/test"); },
+               [&] {
+                   return packed(json_pack("{si ss si sb}", "mode", option.mode, "address", option.address.c_str(),
+                                           "port", option.port, "bsd", option.bsd));
+               });
 }
 
 }  // namespace Orvex

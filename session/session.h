@@ -1,15 +1,21 @@
 // The one authenticated HTTP(S) session of this process with its remote storage device,
-// and the client-side operations that start, stop and call per-device session processes.
+// and forwarders of the client-side operations that start, stop and call per-device
+// session processes (daemon/control.h).
 //
 // Ownership: a process-wide singleton (getInstance()); json_t*& arguments are the caller's
 // objects, filled in place, never released here.
 // Threads: every instance operation takes the session's own (recursive) lock for its whole
 // run, so the keep-alive timer thread and the handler threads see one operation at a time;
-// getInstance() takes no session lock (the stamp is atomic). The static operations share
-// nothing.
+// getInstance(), lastUse() and status() take no session lock (the stamp is atomic, the
+// status a snapshot under its own small lock), so they never wait behind a device. The
+// static operations share nothing.
 // Errors: SessionException ("connection fail" 400, "not signin" 403, "signin fail" 403),
 // SessionNotFound(<MAC>, 0) for the per-device process operations. alive() may end the
-// process with _exit(1). Neither the password nor a token is ever written to a log.
+// process with _exit(1). Neither the password nor a session id or token is ever written to
+// a log, not even in the traced device answers.
+// Bounds: one exchange with the device (connect, TLS handshake, send, receive) ends within
+// 10 s, and an answer over 16 MiB fails it ("connection fail"); so a sign-in ends within
+// 70 s (sign-out, then up to three exchanges per family), a keep-alive tick within 20 s.
 #pragma once
 
 #include "common/exceptions.h"
@@ -22,6 +28,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -32,7 +39,25 @@ class HTTPRequest;
 
 namespace Orvex {
 
+namespace session_detail {
+class TlsClient;
+enum class Cause : int;
+}  // namespace session_detail
+
 enum FirmwareFamily : int32_t { None = 0, Zem = 1, Nvx = 2 };
+
+// What a front end may show about the session; a snapshot.
+struct SessionStatus {
+    int family = None;
+    std::string host;
+    unsigned port = 0;
+    bool secure = false;
+    std::string model, serial, firmware, hostname;
+    bool signedIn = false;
+    // Cause of the last failed sign-in: "" or one of "refused", "unreachable" (no route or
+    // time-out), "tls-mismatch" (TLS vs plain HTTP), "credentials", "bad-answer".
+    std::string failure;
+};
 
 class Session {
 public:
@@ -43,16 +68,28 @@ public:
 
     // The singleton; every call counts as use of the session (stamps lastAccess = time(0)).
     static Session& getInstance();
+    // The last use without counting as one (0 while no instance exists).
+    static time_t lastUse();
+
+    // Thread-safe snapshot, as of the last sign-in attempt, sign-out or reset.
+    SessionStatus status() const;
+    // Called with the new status after every sign-in attempt (success or failure) and every
+    // sign-out, on the thread that made it, with the session locked: it must not wait for
+    // another session operation. Exceptions it throws are dropped.
+    void setObserver(std::function<void(const SessionStatus&)> fn);
 
     // One exchange with the device: the reply body whatever the HTTP status. Sends the
     // session's cookies (legacy) or bearer token (otherwise) while signed in; "json" adds
-    // the content type "application/json". Throws SessionException("connection fail", 400).
+    // the content type "application/json". Throws SessionException("connection fail", 400),
+    // also for an answer over 16 MiB or an exchange not done within 10 s; the cause is logged
+    // with the device address.
     std::string request(const std::string& method, const std::string& path, const std::string& body, bool json);
     std::string request(const std::string& method, const std::string& path);
 
     // Signs out of any previous session, then tries the legacy family and then the token
     // family; fills "out" like getSystemInfo. Throws "signin fail" (403), or "connection fail"
-    // when the preceding sign-out cannot reach the old device.
+    // when the preceding sign-out cannot reach the old device. Each failed family logs a
+    // warning naming the device address and the cause.
     bool signin(json_t*& out, SigninOption& opt);
     // The family's own sign-out; false without a request when no family is known.
     bool signout();
@@ -61,7 +98,8 @@ public:
     // Keep-alive tick: ends the process (_exit(1)) when idle for over 600 s or dead.
     void alive(Poco::Timer& timer);
 
-    // Per-device processes over the service bus; each result replaces the object's content.
+    // Per-device processes over the service bus (forwarded to Orvex::Control, which bus
+    // clients use directly); each result replaces the object's content.
     static void start(json_t*& out, const DeviceOption& opt);
     static void stop();
     static void stop(json_t*& out, const MacOption& opt);
@@ -88,13 +126,25 @@ public:
 
 private:
     using Lock = std::lock_guard<std::recursive_mutex>;
-    struct Tls;
+    using Cause = session_detail::Cause;
+    struct Published;
 
-    std::string exchange(Poco::Net::HTTPRequest& request, const std::string& body);
-    std::string exchangeTls(Poco::Net::HTTPRequest& request, const std::string& body);
     void addCredentials(Poco::Net::HTTPRequest& request) const;
     void requireSignin() const;
     void clearFields();
+    // One remote-syslog operation: lock, sign-in check, then target and body (built only
+    // then), the request, the traced answer (under the operation's name), and the answer
+    // merged into json. No body function: a request without body and content type.
+    void syslogStep(json_t* json, const char* operation, const std::string& method,
+                    const std::function<std::string()>& target, const std::function<std::string()>& body = nullptr);
+    // The text with the password, session id and tokens (known or in the answer) hidden.
+    std::string redacted(std::string text) const;
+    // One family's sign-in; Cause::None on success, else the cause, logged.
+    Cause attempt(bool (Session::*step)(), const char* family);
+    // Records the cause of a failed sign-in step (a transport cause found first stays).
+    bool failStep(Cause cause);
+    bool signoutFamily();
+    void publish(bool notify);
 
     bool _nvx_signin();
     bool _nvx_getSystemInfo();
@@ -122,7 +172,15 @@ private:
     std::string firmware;
     std::string hostname;
     std::atomic<time_t> lastAccess{0};
-    std::unique_ptr<Tls> tls;
+    std::unique_ptr<session_detail::TlsClient> tls;
+    int lastStatus = 0;
+    Cause stepFailure{};
+    Cause signinFailure{};
+
+    mutable std::mutex statusMutex;
+    SessionStatus published;
+    std::function<void(const SessionStatus&)> observer;
+    static std::atomic<Session*> current;
 };
 
 }  // namespace Orvex

@@ -6,6 +6,7 @@
 #include "common/misc.h"
 #include "common/raii.h"
 #include "common/trace.h"
+#include "session/exchange.h"
 
 #include <Poco/URI.h>
 #include <Poco/Net/HTTPRequest.h>
@@ -15,6 +16,7 @@ namespace Orvex {
 namespace {
 
 using Poco::Net::HTTPRequest;
+using session_detail::Cause;
 
 // Non-JSON text reads as null, which every unpack then refuses.
 JsonRef parse(const std::string& reply)
@@ -33,18 +35,21 @@ bool Session::_zem_signin()
         uri.addQueryParameter("username", user);
         uri.addQueryParameter("password", btoa(password));
         std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-        ORVEX_TRACE_TEXT("[Session] %s", reply.c_str());
+        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
         const char* access = nullptr;
         const char* refresh = nullptr;
         JsonRef json = parse(reply);
         if (json_unpack(json.get(), "{ss ss}", "access_token", &access, "refresh_token", &refresh) != 0)
-            return false;
+            return failStep(lastStatus == 401 || lastStatus == 403 ? Cause::Credentials : Cause::BadAnswer);
+        // The access token goes into the Authorization header, the refresh token into a query.
+        if (!session_detail::headerSafe(access) || !session_detail::headerSafe(refresh))
+            return failStep(Cause::BadAnswer);
         family = Zem;
         sid = access;
         accessToken = access;
         refreshToken = refresh;
     } catch (...) {
-        return false;
+        return failStep(Cause::BadAnswer);
     }
     if (!_zem_getSystemInfo())
         return false;
@@ -57,20 +62,20 @@ bool Session::_zem_getSystemInfo()
     ORVEX_TRACE();
     try {
         std::string reply = request(HTTPRequest::HTTP_GET, "/system/firmware/info");
-        ORVEX_TRACE_TEXT("[Session] %s", reply.c_str());
+        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
         const char* displayName = nullptr;
         const char* serverName = nullptr;
         const char* version = nullptr;
         JsonRef json = parse(reply);
         if (json_unpack(json.get(), "{s{ss ss} s{ss}}", "model", "display_name", &displayName, "server_name",
                         &serverName, "firmware", "version", &version) != 0)
-            return false;
+            return failStep(Cause::BadAnswer);
         model = displayName;
         hostname = serverName;
         firmware = version;
         return true;
     } catch (...) {
-        return false;
+        return failStep(Cause::BadAnswer);
     }
 }
 
@@ -81,15 +86,15 @@ bool Session::_zem_getDeviceSerial()
         Poco::URI uri("/zem/system");
         uri.addQueryParameter("sid", sid);
         std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-        ORVEX_TRACE_TEXT("[Session] %s", reply.c_str());
+        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
         const char* serialNo = nullptr;
         JsonRef json = parse(reply);
         if (json_unpack(json.get(), "{s{ss}}", "model", "serial_no", &serialNo) != 0)
-            return false;
+            return failStep(Cause::BadAnswer);
         serial = serialNo;
         return true;
     } catch (...) {
-        return false;
+        return failStep(Cause::BadAnswer);
     }
 }
 
@@ -102,7 +107,7 @@ bool Session::_zem_alive()
         Poco::URI uri("/zem/oauth/tokeninfo");
         uri.addQueryParameter("access_token", accessToken);
         std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-        ORVEX_TRACE_TEXT("[Session] %s", reply.c_str());
+        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
         const char* token = nullptr;
         JsonRef json = parse(reply);
         return json_unpack(json.get(), "{ss}", "access_token", &token) == 0;
@@ -119,7 +124,7 @@ bool Session::_zem_signout()
     uri.addQueryParameter("access_token", accessToken);
     uri.addQueryParameter("refresh_token", refreshToken);
     std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-    ORVEX_TRACE_TEXT("[Session] %s", reply.c_str());
+    ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
     sid.clear();
     accessToken.clear();
     refreshToken.clear();

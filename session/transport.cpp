@@ -2,75 +2,59 @@
 
 #include "common/misc.h"
 #include "common/trace.h"
+#include "session/exchange.h"
 
 #include <Poco/Logger.h>
 #include <Poco/SingletonHolder.h>
-#include <Poco/StreamCopier.h>
-#include <Poco/Timespan.h>
-#include <Poco/Net/Context.h>
-#include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
-#include <Poco/Net/HTTPResponse.h>
-#include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/NameValueCollection.h>
 #include <Poco/Net/NetSSL.h>
-#include <Poco/Net/SecureStreamSocket.h>
-#include <Poco/Net/Session.h>
 
-#include <openssl/ssl.h>
+#include <algorithm>
 
 namespace Orvex {
 
+using session_detail::Cause;
+using session_detail::ExchangeError;
+
 namespace {
 
-using Poco::Net::Context;
+constexpr const char* kHidden = "<hidden>";
 
-constexpr const char* kCipherList = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH";
-// X25519 first: its key share is the cheapest to make, and OpenSSL sends the first
-// group's share in the hello, so a TLS 1.3 device needs no second round trip.
-constexpr const char* kGroups = "X25519:P-256:X448:P-384:P-521";
-
-Context::Ptr makeContext()
+void replaceAll(std::string& text, const std::string& secret)
 {
-    Context::Ptr context = new Context(Context::TLSV1_CLIENT_USE, "", "", "", Context::VERIFY_NONE, 9, false,
-                                       kCipherList);
-    context->disableProtocols(Context::PROTO_SSLV2 | Context::PROTO_SSLV3 | Context::PROTO_TLSV1);
-    context->enableSessionCache(true);
-    SSL_CTX_set1_groups_list(context->sslContext(), kGroups);
-    return context;
+    // Very short values would hide ordinary text; ids and tokens are never that short.
+    if (secret.size() < 4)
+        return;
+    for (size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at + 1))
+        text.replace(at, secret.size(), kHidden);
 }
 
-std::string roundTrip(Poco::Net::HTTPClientSession& client, Poco::Net::HTTPRequest& request,
-                      const std::string& body)
+// Hides the value after each occurrence of key (a JSON key or an XML start tag), up to the
+// next quote or '<', so a new id or token is hidden before it is known.
+void hideValues(std::string& text, const std::string& key)
 {
-    client.setTimeout(Poco::Timespan(10, 0));
-    std::ostream& out = client.sendRequest(request);
-    // Poco's streams turn a failed write or read into badbit; make it an exception again
-    // so a broken exchange is never mistaken for a short reply.
-    out.exceptions(std::ios::badbit);
-    out.write(body.data(), static_cast<std::streamsize>(body.size()));
-    out.flush();
-    Poco::Net::HTTPResponse response;
-    std::istream& in = client.receiveResponse(response);
-    in.exceptions(std::ios::badbit);
-    std::string reply;
-    Poco::StreamCopier::copyToString(in, reply);
-    return reply;
+    for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + 1)) {
+        size_t start = text.find_first_not_of(" \t\r\n:", at + key.size());
+        if (start != std::string::npos && text[start] == '"')
+            ++start;
+        size_t end = start == std::string::npos ? std::string::npos : text.find_first_of("\"<", start);
+        if (end != std::string::npos && end > start)
+            text.replace(start, end - start, kHidden);
+    }
 }
 
 }  // namespace
 
-// The TLS context is made once (the settings never change) and the last session of the
-// current device is offered again, so a request costs a resumption instead of a full
-// handshake. Guarded by the session lock.
-struct Session::Tls {
-    Context::Ptr context = makeContext();
-    Poco::Net::Session::Ptr resumable;
-    std::string peer;
-};
+std::atomic<Session*> Session::current{nullptr};
 
 Session::Session() = default;
-Session::~Session() = default;
+
+Session::~Session()
+{
+    Session* self = this;
+    current.compare_exchange_strong(self, nullptr);
+}
 
 Session& Session::getInstance()
 {
@@ -80,8 +64,15 @@ Session& Session::getInstance()
     (void)sslReady;
     static Poco::SingletonHolder<Session> holder;
     Session* session = holder.get();
+    current.store(session);
     session->lastAccess.store(time(nullptr));
     return *session;
+}
+
+time_t Session::lastUse()
+{
+    Session* session = current.load();
+    return session != nullptr ? session->lastAccess.load() : 0;
 }
 
 std::string Session::request(const std::string& method, const std::string& path)
@@ -99,10 +90,20 @@ std::string Session::request(const std::string& method, const std::string& path,
         httpRequest.setContentType("application/json");
     httpRequest.setContentLength(static_cast<std::streamsize>(body.size()));
     try {
-        return exchange(httpRequest, body);
-    } catch (const Poco::Exception& e) {
+        if (secure && !tls)
+            tls = std::make_unique<session_detail::TlsClient>();
+        session_detail::Answer answer = session_detail::exchange(host, static_cast<uint16_t>(port),
+                                                                 secure ? tls.get() : nullptr, httpRequest, body);
+        lastStatus = answer.status;
+        return std::move(answer.body);
+    } catch (const ExchangeError& e) {
+        failStep(e.cause());
         Poco::Logger::root().error(strformat("[Session] %s", e.displayText().c_str()));
+    } catch (const Poco::Exception& e) {
+        failStep(Cause::BadAnswer);
+        Poco::Logger::root().error(strformat("[Session] %s:%u: %s", host.c_str(), port, e.displayText().c_str()));
     } catch (...) {
+        failStep(Cause::BadAnswer);
     }
     throw SessionException("connection fail", 400);
 }
@@ -121,31 +122,20 @@ void Session::addCredentials(Poco::Net::HTTPRequest& httpRequest) const
     httpRequest.set("Authorization", strformat("Bearer %s", sid.c_str()));
 }
 
-std::string Session::exchange(Poco::Net::HTTPRequest& httpRequest, const std::string& body)
+std::string Session::redacted(std::string text) const
 {
-    if (secure)
-        return exchangeTls(httpRequest, body);
-    Poco::Net::HTTPClientSession client(host, static_cast<Poco::UInt16>(port));
-    return roundTrip(client, httpRequest, body);
+    for (const std::string* secret : {&sid, &accessToken, &refreshToken, &password})
+        replaceAll(text, *secret);
+    for (const char* key : {"<authSid>", "\"access_token\"", "\"refresh_token\""})
+        hideValues(text, key);
+    return text;
 }
 
-std::string Session::exchangeTls(Poco::Net::HTTPRequest& httpRequest, const std::string& body)
+bool Session::failStep(Cause cause)
 {
-    if (!tls)
-        tls = std::make_unique<Tls>();
-    std::string peer = host + ":" + std::to_string(port);
-    if (peer != tls->peer) {
-        tls->peer = peer;
-        tls->resumable = nullptr;
-    }
-    Poco::Net::HTTPSClientSession client(host, static_cast<Poco::UInt16>(port), tls->context, tls->resumable);
-    std::string reply = roundTrip(client, httpRequest, body);
-    // Taken only now: a TLS 1.3 device sends its session tickets after the handshake,
-    // and they have been read once the reply has.
-    Poco::Net::SecureStreamSocket socket(client.socket());
-    if (Poco::Net::Session::Ptr latest = socket.currentSession())
-        tls->resumable = latest;
-    return reply;
+    if (stepFailure == Cause::None)
+        stepFailure = cause;
+    return false;
 }
 
 void Session::requireSignin() const
@@ -170,6 +160,8 @@ void Session::reset()
     Lock lock(mutex);
     clearFields();
     tls.reset();
+    signinFailure = Cause::None;
+    publish(false);
 }
 
 void Session::clearFields()
@@ -187,6 +179,37 @@ void Session::clearFields()
     serial.clear();
     firmware.clear();
     hostname.clear();
+}
+
+SessionStatus Session::status() const
+{
+    std::lock_guard<std::mutex> guard(statusMutex);
+    return published;
+}
+
+void Session::setObserver(std::function<void(const SessionStatus&)> fn)
+{
+    std::lock_guard<std::mutex> guard(statusMutex);
+    observer = std::move(fn);
+}
+
+void Session::publish(bool notify)
+{
+    SessionStatus now{int(family), host,     port,     secure,   model,
+                      serial,      firmware, hostname, !sid.empty(), session_detail::causeName(signinFailure)};
+    std::function<void(const SessionStatus&)> fn;
+    {
+        std::lock_guard<std::mutex> guard(statusMutex);
+        published = now;
+        if (notify)
+            fn = observer;
+    }
+    try {
+        if (fn)
+            fn(now);
+    } catch (...) {
+        // A failing observer must not turn a sign-in or sign-out into a failure.
+    }
 }
 
 }  // namespace Orvex

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs a command where it cannot touch the machine's real daemon paths: a private mount
-# and network namespace in which /run/lock (/var/lock), /var/log/orvex and
+# and network namespace with a private, empty /run (so /run/orvex, the daemon's status
+# files, is private too), in which /run/lock (/var/lock), /var/log/orvex and
 # /usr/local/sbin are fresh temporary folders (all of /var/log is, so that not even the
 # orvex folder is created on the real disk), /usr/sbin/lsof exists (Debian keeps lsof
 # in /usr/bin), and loopback is up. Abstract bus addresses live in the network
@@ -23,6 +24,8 @@ unshare --mount --net --propagation private -- bash -euc '
   root=$ORVEX_ISOLATE_ROOT
   mount -t overlay overlay -o lowerdir=/usr/sbin,upperdir=$root/ovl/up,workdir=$root/ovl/work /usr/sbin
   [ -e /usr/sbin/lsof ] || ln -s "$(command -v lsof || echo /usr/bin/lsof)" /usr/sbin/lsof
+  mount -t tmpfs -o mode=0755 orvex-run /run
+  mkdir -p /run/lock /run/orvex
   mount --bind "$root/lock" /run/lock
   mount --bind "$root/log" /var/log
   mkdir -p /var/log/orvex

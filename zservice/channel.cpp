@@ -1,4 +1,5 @@
 // Channels: a growable zero-terminated buffer plus, for a call, the caller's connection.
+#include "zservice/channel.h"
 #include "zservice/internal.h"
 
 #include <poll.h>
@@ -31,16 +32,42 @@ bool reserve(zs_io* io, size_t size)
     return true;
 }
 
+std::atomic<long>& openCalls()
+{
+    static std::atomic<long> count{0};
+    return count;
+}
+
 }  // namespace Orvex::Bus
 
 using namespace Orvex::Bus;
 
 namespace {
 
-// A reply whose caller stops reading is abandoned after this long.
-constexpr int64_t kReplySendMs = 30000;
+// A reply whose caller stops reading is abandoned after this long, so a worker (or the
+// loop) never waits on it for ever.
+constexpr int64_t kReplySendMs = 5000;
+// A buffer emptied below a quarter of a large capacity gives the memory back (a parsed
+// call body need not be held twice while the call waits in a queue).
+constexpr size_t kShrinkAbove = 65536;
+
+void shrink(zs_io* io, size_t size)
+{
+    if (io->capacity <= kShrinkAbove || size >= io->capacity / 4)
+        return;
+    const size_t capacity = size < 64 ? 64 : size + 1;
+    if (char* data = static_cast<char*>(realloc(io->data, capacity))) {
+        io->data = data;
+        io->capacity = capacity;
+    }
+}
 
 }  // namespace
+
+int Orvex::channelSocket(zs_io* io)
+{
+    return io ? io->fd : -1;
+}
 
 zs_io* zs_io_create(void)
 {
@@ -66,6 +93,7 @@ int zs_io_realloc(zs_io* io, size_t size)
     if (size > io->size)
         memset(io->data + io->size, 0, size - io->size);
     io->size = size;
+    shrink(io, size);
     io->data[size] = '\0';
     return 0;
 }
@@ -138,6 +166,8 @@ void zs_io_free(zs_io* io)
     // close, never shutdown: a forked copy of this channel may still reply.
     if (io->fd >= 0)
         close(io->fd);
+    if (io->counted)
+        openCalls().fetch_sub(1, std::memory_order_relaxed);
     free(io->data);
     delete io;
 }

@@ -14,4 +14,7 @@ using ZsIoPtr = std::unique_ptr<zs_io, ZsIoFree>;
 
 inline ZsIoPtr makeZsIo() { return ZsIoPtr(zs_io_create()); }
 
+// The caller's connection of a call's channel; -1 for a scratch buffer or NULL.
+int channelSocket(zs_io* io);
+
 }  // namespace Orvex

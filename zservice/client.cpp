@@ -130,6 +130,13 @@ int exchange(const Address& address, const std::string& method, zs_io* io, int64
     Socket sock{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
     if (sock.fd < 0 || connectWithin(sock.fd, address, deadline) != 0)
         return -1;
+    // Abstract names carry no permissions: whoever bound the name first would otherwise
+    // receive our call (and any password in it).
+    uid_t uid = 0;
+    if (!peerUid(sock.fd, uid) || !trustedUid(uid)) {
+        errno = EACCES;
+        return -1;
+    }
     Header call;
     call.kind = ZS_KIND_CALL;
     call.nameLength = static_cast<uint32_t>(method.size());
@@ -150,6 +157,36 @@ int exchange(const Address& address, const std::string& method, zs_io* io, int64
 }
 
 }  // namespace
+
+namespace Orvex::Bus {
+
+bool peerUid(int fd, uid_t& uid)
+{
+    ucred cred{};
+    socklen_t length = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0)
+        return false;
+    uid = cred.uid;
+    return true;
+}
+
+bool trustedUid(uid_t uid)
+{
+    return uid == 0 || uid == geteuid();
+}
+
+int listenerUid(const char* address, uid_t& uid)
+{
+    Address parsed;
+    if (!parseAddress(address, parsed))
+        return -1;
+    Socket sock{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+    if (sock.fd < 0 || connectWithin(sock.fd, parsed, nowMs() + 1000) != 0)
+        return -1;
+    return peerUid(sock.fd, uid) ? 0 : -1;
+}
+
+}  // namespace Orvex::Bus
 
 int zs_call(const char* address, const char* method, zs_io* io, int timeout_s, int fd)
 {

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -18,6 +19,7 @@ struct zs_io {
     size_t capacity = 0;  // bytes allocated, terminator included
     int fd = -1;
     bool replied = false;
+    bool counted = false;  // one of the server's open calls (see openCalls)
     std::string method;
 };
 
@@ -48,6 +50,11 @@ bool parseAddress(const char* text, Address& out);
 // Grows the channel so it can hold `size` content bytes plus the terminator.
 bool reserve(zs_io* io, size_t size);
 
+// Calls this process holds a caller's connection for, from accept until the call's channel
+// (or the pending caller) is freed; the server stops accepting at its cap so a flood of
+// callers cannot take the descriptors the process needs for its own work.
+std::atomic<long>& openCalls();
+
 // Milliseconds on the monotonic clock.
 int64_t nowMs();
 
@@ -59,6 +66,13 @@ int waitFor(int fd, short events, int64_t deadlineMs);
 // with the header's first byte. 0, or -1 with errno (ETIMEDOUT, EPIPE, ...).
 int sendFrame(int fd, const Header& header, const std::string& name, const char* body,
               int passFd, int64_t deadlineMs);
+
+// The user id of a connected socket's other end (SO_PEERCRED).
+bool peerUid(int fd, uid_t& uid);
+// The trust rule both ways: root, or our own effective user id.
+bool trustedUid(uid_t uid);
+// Connects to address (nothing is sent) and reads the listener's uid; 0, or -1 with errno.
+int listenerUid(const char* address, uid_t& uid);
 
 // The process-wide signal self-pipe: read end for the loop (created on first use and
 // again in a forked child), and the drain that runs the registered callbacks.

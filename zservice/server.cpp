@@ -5,10 +5,12 @@
 
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -32,6 +34,13 @@ constexpr int64_t kAcceptPauseMs = 100;  // after EMFILE: retry instead of spinn
 constexpr size_t kScratchSize = 65536;
 constexpr int kMaxRecvRounds = 16;       // per wake-up, so one fast sender cannot hog the loop
 constexpr size_t kMaxPassedFds = 8;      // control room per recvmsg; more is truncation
+constexpr int64_t kCapPauseMs = 10;      // at the open-call cap: look again this soon
+// Open calls hold up to two descriptors each (connection, reply descriptor); this many stay
+// for the process's own work (device connections, logs, forks) however many callers come.
+constexpr long kReservedFds = 64;
+constexpr long kMaxOpenCalls = 4096;
+// Call bodies still arriving, all callers together; a caller that would pass it is dropped.
+constexpr size_t kMaxPendingBytes = 128u << 20;
 
 // A caller whose call frame is still arriving.
 struct Caller {
@@ -43,6 +52,8 @@ struct Caller {
     Header header;
     std::string name;
     zs_io* body = nullptr;  // created once the header is known; becomes the call's channel
+    size_t* pendingBytes = nullptr;  // the service's total, which this body's bytes are in
+    bool watched = false;            // registered with epoll
 
     Caller() = default;
     Caller(const Caller&) = delete;
@@ -53,6 +64,10 @@ struct Caller {
             close(fd);
         if (passedFd >= 0)
             close(passedFd);
+        if (body)
+            *pendingBytes -= body->size;
+        if (fd >= 0)
+            openCalls().fetch_sub(1, std::memory_order_relaxed);
         zs_io_free(body);
     }
 };
@@ -71,9 +86,11 @@ struct zs {
     zs_handler handler = nullptr;
     Address address;
     pid_t owner = 0;
+    size_t pendingBytes = 0;  // before callers: their destructors update it
     std::map<uint64_t, std::unique_ptr<Caller>> callers;
     uint64_t nextId = kFirstCaller;
     int64_t acceptPausedUntil = -1;
+    long maxOpenCalls = kMaxOpenCalls;
     std::atomic<bool> running{false};
     std::vector<char> scratch;
 
@@ -83,7 +100,8 @@ struct zs {
     ~zs()
     {
         for (auto& entry : callers)
-            epoll_ctl(epollFd, EPOLL_CTL_DEL, entry.second->fd, nullptr);
+            if (entry.second->watched)
+                epoll_ctl(epollFd, EPOLL_CTL_DEL, entry.second->fd, nullptr);
         for (int fd : {listenFd, epollFd, stopFd})
             if (fd >= 0)
                 close(fd);
@@ -130,8 +148,9 @@ Step feed(Caller& c, const char* data, size_t n)
             n -= take;
         } else {
             const size_t take = std::min<size_t>(c.header.bodyLength - zs_io_size(c.body), n);
-            if (zs_io_write(c.body, data, take) < 0)
+            if (*c.pendingBytes + take > kMaxPendingBytes || zs_io_write(c.body, data, take) < 0)
                 return Step::Drop;
+            *c.pendingBytes += take;
             data += take;
             n -= take;
         }
@@ -190,7 +209,8 @@ void drop(zs* bus, uint64_t id)
     if (it == bus->callers.end())
         return;
     // Unregister before closing: a forked child may still hold the same socket open.
-    epoll_ctl(bus->epollFd, EPOLL_CTL_DEL, it->second->fd, nullptr);
+    if (it->second->watched)
+        epoll_ctl(bus->epollFd, EPOLL_CTL_DEL, it->second->fd, nullptr);
     bus->callers.erase(it);
 }
 
@@ -201,10 +221,13 @@ void handOver(zs* bus, uint64_t id)
     if (it == bus->callers.end())
         return;
     Caller& c = *it->second;
-    epoll_ctl(bus->epollFd, EPOLL_CTL_DEL, c.fd, nullptr);
+    if (c.watched)
+        epoll_ctl(bus->epollFd, EPOLL_CTL_DEL, c.fd, nullptr);
     zs_io* io = c.body;
     const int fd = c.passedFd;
+    bus->pendingBytes -= io->size;
     io->fd = c.fd;
+    io->counted = true;
     io->method = std::move(c.name);
     c.body = nullptr;
     c.fd = c.passedFd = -1;
@@ -228,11 +251,8 @@ bool admitted(const zs* bus, int fd)
 {
     if (bus->policy == 0)
         return true;
-    ucred cred{};
-    socklen_t length = sizeof(cred);
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0)
-        return false;
-    return cred.uid == 0 || cred.uid == geteuid();
+    uid_t uid = 0;
+    return peerUid(fd, uid) && trustedUid(uid);
 }
 
 void addCaller(zs* bus, int fd)
@@ -240,29 +260,40 @@ void addCaller(zs* bus, int fd)
     const uint64_t id = bus->nextId++;
     auto caller = std::make_unique<Caller>();
     caller->fd = fd;
+    caller->pendingBytes = &bus->pendingBytes;
+    openCalls().fetch_add(1, std::memory_order_relaxed);
     caller->deadline = bus->timeoutMs > 0 ? nowMs() + bus->timeoutMs : kNoDeadline;
+    Caller& c = *bus->callers.emplace(id, std::move(caller)).first->second;
+    // Callers usually send right after connecting: try now, and only a caller whose frame
+    // is still on its way costs epoll registrations and a wake-up.
+    const Step step = receive(bus, c);
+    if (step == Step::Complete)
+        return handOver(bus, id);
     epoll_event ev{};
     ev.events = EPOLLIN | EPOLLRDHUP;
     ev.data.u64 = id;
-    if (epoll_ctl(bus->epollFd, EPOLL_CTL_ADD, fd, &ev) != 0)
-        return;  // the caller's destructor closes fd
-    bus->callers.emplace(id, std::move(caller));
-    // Callers usually send right after connecting: try now and save a wake-up.
-    serve(bus, id);
+    c.watched = step == Step::More && epoll_ctl(bus->epollFd, EPOLL_CTL_ADD, fd, &ev) == 0;
+    if (!c.watched)
+        drop(bus, id);  // the caller's destructor closes fd
 }
 
-void setAccepting(zs* bus, bool on)
+void setAccepting(zs* bus, bool on, int64_t pauseMs = kAcceptPauseMs)
 {
     epoll_event ev{};
     ev.events = on ? uint32_t(EPOLLIN) : 0u;
     ev.data.u64 = kListener;
     epoll_ctl(bus->epollFd, EPOLL_CTL_MOD, bus->listenFd, &ev);
-    bus->acceptPausedUntil = on ? -1 : nowMs() + kAcceptPauseMs;
+    bus->acceptPausedUntil = on ? -1 : nowMs() + pauseMs;
 }
 
 void acceptCallers(zs* bus)
 {
     for (int i = 0; i < 64; ++i) {
+        if (openCalls().load(std::memory_order_relaxed) >= bus->maxOpenCalls) {
+            // Those waiting stay in the listen queue until calls end.
+            setAccepting(bus, false, kCapPauseMs);
+            return;
+        }
         const int fd = accept4(bus->listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
@@ -380,6 +411,15 @@ bool bindAddress(int fd, const Address& address)
     return unlink(address.path.c_str()) == 0 && bind(fd, sa, address.length) == 0;
 }
 
+long openCallCap()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
+        return kMaxOpenCalls;
+    const long usable = (static_cast<long>(limit.rlim_cur) - kReservedFds) / 2;
+    return std::max(1L, std::min(usable, kMaxOpenCalls));
+}
+
 bool openService(zs* bus)
 {
     bus->listenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -416,6 +456,7 @@ zs* zs_create(const char* address, int recv_timeout_s, int peer_policy, zs_handl
         bus->timeoutMs = recv_timeout_s > 0 ? int64_t(recv_timeout_s) * 1000 : 0;
         bus->policy = peer_policy;
         bus->handler = handler;
+        bus->maxOpenCalls = openCallCap();
         if (!openService(bus.get())) {
             if (bus->owner)
                 removeSocketFile(bus.get());

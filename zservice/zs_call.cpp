@@ -1,6 +1,7 @@
 // zs-call: calls one method on a bus service from the command line.
-// Exit status: 0 a reply arrived, 1 the call failed, 2 usage error.
+// Exit status: 0 a reply arrived, 1 the call failed, 2 usage error, 4 an error reply.
 #include "zservice/channel.h"
+#include "zservice/internal.h"
 
 #include <getopt.h>
 #include <jansson.h>
@@ -16,23 +17,31 @@
 namespace {
 
 const char* const kUsage =
-    "usage: zs-call [-t SECONDS] [--fd] [--pretty] ADDRESS METHOD [JSON|-]\n"
+    "usage: zs-call [-t SECONDS] [--fd] [--json=short|pretty] ADDRESS METHOD [JSON|-]\n"
     "Calls METHOD on the bus service at ADDRESS (\"@name\" for an abstract socket) with the\n"
     "JSON given, read from standard input for \"-\", or an empty body; prints the reply.\n"
     "  -t, --timeout SECONDS  bound the whole call (default 30; 0 waits without limit)\n"
     "      --fd               hand standard output to the service as the reply descriptor\n"
-    "      --pretty           pretty-print a JSON reply (the default on a terminal)\n"
+    "      --json=FORMAT      short: print the reply as it came; pretty: indent a JSON\n"
+    "                         reply (default: pretty on a terminal, short otherwise)\n"
+    "      --pretty           same as --json=pretty\n"
     "  -h, --help             show this text\n"
-    "Exit status: 0 a reply arrived, 1 the call failed, 2 usage error.\n";
+    "      --version          print the version\n"
+    "Exit status: 0 a reply arrived, 1 the call failed (nobody listening, time-out, an\n"
+    "untrusted listener, ...), 2 usage error, 4 the reply is a JSON object whose\n"
+    "\"error_code\" is not 0 (the reply is printed all the same).\n";
 
 constexpr int kOk = 0;
 constexpr int kCallFailed = 1;
 constexpr int kUsageError = 2;
+constexpr int kErrorReply = 4;
+
+enum class Format { Auto, Short, Pretty };
 
 struct Arguments {
     int timeout = 30;
     bool passStdout = false;
-    bool pretty = false;
+    Format format = Format::Auto;
     const char* address = nullptr;
     const char* method = nullptr;
     const char* body = nullptr;  // nullptr: none; "-": standard input
@@ -57,6 +66,17 @@ bool parseTimeout(const char* text, int& out)
     return true;
 }
 
+bool parseFormat(const char* text, Format& out)
+{
+    if (strcmp(text, "short") == 0)
+        out = Format::Short;
+    else if (strcmp(text, "pretty") == 0)
+        out = Format::Pretty;
+    else
+        return false;
+    return true;
+}
+
 constexpr int kGoOn = -1;
 
 // kGoOn, or the exit status when the command line ends the program.
@@ -65,7 +85,9 @@ int parseArguments(int argc, char** argv, Arguments& args)
     static const option options[] = {{"timeout", required_argument, nullptr, 't'},
                                      {"fd", no_argument, nullptr, 'f'},
                                      {"pretty", no_argument, nullptr, 'p'},
+                                     {"json", required_argument, nullptr, 'j'},
                                      {"help", no_argument, nullptr, 'h'},
+                                     {"version", no_argument, nullptr, 'V'},
                                      {nullptr, 0, nullptr, 0}};
     int c;
     while ((c = getopt_long(argc, argv, "+t:h", options, nullptr)) != -1) {
@@ -74,9 +96,13 @@ int parseArguments(int argc, char** argv, Arguments& args)
         if (c == 'f')
             args.passStdout = true;
         else if (c == 'p')
-            args.pretty = true;
+            args.format = Format::Pretty;
+        else if (c == 'j' && !parseFormat(optarg, args.format))
+            return usageError("--json takes short or pretty");
         else if (c == 'h')
             return fputs(kUsage, stdout) < 0 ? kCallFailed : kOk;
+        else if (c == 'V')
+            return printf("zs-call %s\n", ORVEX_VERSION) < 0 ? kCallFailed : kOk;
         else if (c == '?')
             return usageError(nullptr);
     }
@@ -151,6 +177,16 @@ int loadBody(const Arguments& args, zs_io* io)
     return kGoOn;
 }
 
+void reportUntrusted(const char* address)
+{
+    uid_t uid = 0;
+    if (Orvex::Bus::listenerUid(address, uid) == 0)
+        fprintf(stderr, "zs-call: the listener at %s runs as uid %u, neither root nor us: nothing sent\n",
+                address, static_cast<unsigned>(uid));
+    else
+        fprintf(stderr, "zs-call: the listener at %s is not trusted: nothing sent\n", address);
+}
+
 void reportFailure(const Arguments& args, int error)
 {
     const char* address = args.address;
@@ -174,26 +210,34 @@ void reportFailure(const Arguments& args, int error)
     case EINVAL:
         fprintf(stderr, "zs-call: invalid address: %s\n", address);
         break;
+    case EACCES:
+        reportUntrusted(address);
+        break;
     default:
         fprintf(stderr, "zs-call: call to %s failed: %s\n", address, strerror(error));
     }
 }
 
 // Pretty output re-indents a JSON reply; anything else is printed as it came.
-std::string render(const char* body, size_t size, bool pretty)
+std::string render(const char* body, size_t size, json_t* value, bool pretty)
 {
     std::string out(body, size);
     if (pretty) {
-        json_t* value = json_loadb(body, size, JSON_DECODE_ANY, nullptr);
         if (char* text = value ? json_dumps(value, JSON_INDENT(2) | JSON_ENCODE_ANY) : nullptr) {
             out = text;
             free(text);
         }
-        json_decref(value);
     }
     if (out.empty() || out.back() != '\n')
         out += '\n';
     return out;
+}
+
+// A JSON object reply whose "error_code" is a number other than 0.
+bool errorReply(json_t* value)
+{
+    json_t* code = json_is_object(value) ? json_object_get(value, "error_code") : nullptr;
+    return json_is_number(code) && json_number_value(code) != 0;
 }
 
 int printReply(const Arguments& args, zs_io* io)
@@ -202,12 +246,17 @@ int printReply(const Arguments& args, zs_io* io)
     // With --fd the service has written to our standard output itself.
     if (size == 0 && args.passStdout)
         return kOk;
-    const std::string out = render(zs_io_read(io, 0), size, args.pretty || isatty(STDOUT_FILENO));
+    const char* body = zs_io_read(io, 0);
+    json_t* value = json_loadb(body, size, JSON_DECODE_ANY, nullptr);
+    const bool pretty = args.format == Format::Pretty || (args.format == Format::Auto && isatty(STDOUT_FILENO));
+    const std::string out = render(body, size, value, pretty);
+    const int status = errorReply(value) ? kErrorReply : kOk;
+    json_decref(value);
     if (fwrite(out.data(), 1, out.size(), stdout) != out.size() || fflush(stdout) != 0) {
         fprintf(stderr, "zs-call: cannot write the reply of %s: %s\n", args.address, strerror(errno));
         return kCallFailed;
     }
-    return kOk;
+    return status;
 }
 
 }  // namespace

@@ -27,7 +27,10 @@ typedef void (*zs_handler)(const char *method, zs_io *io, int fd);
 
 /* Binds and listens on address ("@name" = abstract namespace). recv_timeout_s bounds how
  * long a caller may take to deliver its call frame; peer_policy 1 admits only uid 0 and
- * our euid, 0 admits anyone. Ignores SIGPIPE. NULL if the address is taken or invalid. */
+ * our euid, 0 admits anyone. Ignores SIGPIPE. NULL if the address is taken or invalid.
+ * Caps: at most min(4096, (RLIMIT_NOFILE - 64) / 2) calls open at once, from accept until
+ * their channel is freed (later callers wait in the listen queue), and 128 MiB of call
+ * bodies still arriving (the caller that would pass it is dropped). */
 zs *zs_create(const char *address, int recv_timeout_s, int peer_policy, zs_handler handler);
 /* Serves on the calling thread until zs_stop: 0 after a stop, -1 on error or NULL bus.
  * The handler owns io (zs_io_free) and fd (close) once called. */
@@ -46,12 +49,14 @@ int zs_io_realloc(zs_io *io, size_t size);
 ssize_t zs_io_write(zs_io *io, const void *data, size_t size);
 int zs_io_printf(zs_io *io, const char *format, ...) __attribute__((format(printf, 2, 3)));
 int zs_io_alive(zs_io *io);
+/* A reply the caller does not take within 5 s is abandoned (-1, ETIMEDOUT). */
 int zs_reply(zs_io *io);
 void zs_io_free(zs_io *io);
 
 /* One whole exchange within timeout_s; fd >= 0 travels as the reply descriptor. On
  * success io holds the reply body. -1 with errno: ECONNREFUSED/ENOENT (nobody serves),
- * ETIMEDOUT, EPROTO (bad reply or closed without one), EMSGSIZE, ENAMETOOLONG. */
+ * ETIMEDOUT, EPROTO (bad reply or closed without one), EMSGSIZE, ENAMETOOLONG, EACCES (the
+ * listener is neither root nor our effective user: nothing was sent to it). */
 int zs_call(const char *address, const char *method, zs_io *io, int timeout_s, int fd);
 
 #ifdef __cplusplus

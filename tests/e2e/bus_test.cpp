@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include "tests/e2e/support.h"
+#include "tests/support/daemon.h"
 
-namespace e2e {
+namespace Orvex::Test {
 namespace {
 
 const std::string kHeader = "Content-Type: application/json; charset=utf-8\r\n\r\n";
@@ -17,13 +17,13 @@ std::string callWithDescriptor(const std::string& mac, const std::string& method
 {
     TempDir dir;
     Orvex::UniqueFd fd(open(dir.file("reply").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    reply = busCall(mac, method, args, fd.get());
+    reply = sessionCall(mac, method, args, fd.get());
     return readFile(dir.file("reply"));
 }
 
 TEST(BusReplies, ReplyGoesToThePassedDescriptorBehindItsHeader)
 {
-    E2E_REQUIRE_ISOLATION();
+    ORVEX_REQUIRE_ISOLATION();
     SignedIn s("token", false);
     BusReply reply;
     std::string written = callWithDescriptor(s.daemon.mac(), "get_device_system_info", "{}", reply);
@@ -42,7 +42,7 @@ TEST(BusReplies, ReplyGoesToThePassedDescriptorBehindItsHeader)
 
 TEST(BusReplies, CallerThatHangsUpStillGetsTheDeviceChanged)
 {
-    E2E_REQUIRE_ISOLATION();
+    ORVEX_REQUIRE_ISOLATION();
     SignedIn s("legacy", true, "00:11:22:33:44:55", {"--delay-ms", "300"});
     Orvex::UniqueFd caller(rawConnect(busAddress(s.daemon.mac())));
     ASSERT_TRUE(caller);
@@ -66,7 +66,7 @@ std::string helpText(const std::string& mac, const std::string& method)
 
 TEST(BusReplies, HelpThroughTheBusClientListsAndExplainsTheMethods)
 {
-    E2E_REQUIRE_ISOLATION();
+    ORVEX_REQUIRE_ISOLATION();
     const std::string mac = "00:11:22:33:44:55";
     Daemon daemon(mac);
     ASSERT_TRUE(daemon.ready()) << daemon.log();
@@ -100,4 +100,4 @@ TEST(BusReplies, HelpThroughTheBusClientListsAndExplainsTheMethods)
 }
 
 }  // namespace
-}  // namespace e2e
+}  // namespace Orvex::Test

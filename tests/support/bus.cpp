@@ -5,14 +5,18 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <functional>
 
 #include <gtest/gtest.h>
 
 #include "zservice/channel.h"
+#include "zservice/internal.h"
 
 namespace Orvex::Test {
 
@@ -65,28 +69,42 @@ void putU32(std::string& frame, size_t offset, uint32_t value)
         frame[offset + i] = static_cast<char>(value >> (8 * i));
 }
 
+std::string frame(uint8_t kind, const std::string& name, const std::string& body)
+{
+    uint8_t header[ZS_HEADER_SIZE];
+    Bus::encodeHeader({kind, static_cast<uint32_t>(name.size()), static_cast<uint32_t>(body.size())}, header);
+    return std::string(reinterpret_cast<char*>(header), sizeof header) + name + body;
+}
+
 std::string callFrame(const std::string& method, const std::string& body)
 {
-    std::string frame("ZS\x01" "C", 4);
-    frame.resize(12);
-    putU32(frame, 4, static_cast<uint32_t>(method.size()));
-    putU32(frame, 8, static_cast<uint32_t>(body.size()));
-    return frame + method + body;
+    return frame(ZS_KIND_CALL, method, body);
 }
+
+namespace {
+
+int rawSocket(const std::string& address, bool listening)
+{
+    Bus::Address parsed;
+    if (!Bus::parseAddress(address.c_str(), parsed))
+        return -1;
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    auto* sa = reinterpret_cast<sockaddr*>(&parsed.addr);
+    bool ok = listening ? bind(fd.get(), sa, parsed.length) == 0 && listen(fd.get(), 16) == 0
+                        : connect(fd.get(), sa, parsed.length) == 0;
+    return ok ? fd.release() : -1;
+}
+
+}  // namespace
 
 int rawConnect(const std::string& address)
 {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    memcpy(sa.sun_path, address.data(), address.size());
-    sa.sun_path[0] = '\0';  // abstract: a leading NUL instead of '@'
-    auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address.size());
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&sa), length) != 0) {
-        close(fd);
-        fd = -1;
-    }
-    return fd;
+    return rawSocket(address, false);
+}
+
+int rawListen(const std::string& address)
+{
+    return rawSocket(address, true);
 }
 
 bool sendAll(int fd, const std::string& bytes)
@@ -152,6 +170,53 @@ std::string Pipe::readAll()
             return out;
         out.append(buffer, static_cast<size_t>(n));
     }
+}
+
+namespace {
+
+std::atomic<int> callCount{0};
+// The handler of the one TestService alive at a time (set before its loop starts).
+TestService::Handler currentHandler;
+
+}  // namespace
+
+int settledFdCount()
+{
+    {
+        TestService warmUp;
+    }
+    return openFds();
+}
+
+TestService::TestService(Handler onCall, int recvTimeout, int policy, std::string address)
+{
+    callCount = 0;
+    currentHandler = onCall ? std::move(onCall) : Handler(&TestService::echo);
+    served_ = std::make_unique<ServedBus>(address, &TestService::dispatch, recvTimeout, policy);
+}
+
+int TestService::calls() const
+{
+    return callCount.load();
+}
+
+void TestService::dispatch(const char* method, zs_io* io, int fd)
+{
+    ++callCount;
+    currentHandler(method, io, fd);
+}
+
+void TestService::echo(const char* method, zs_io* io, int fd)
+{
+    if (strcmp(method, "raw") != 0) {
+        std::string reply = std::string("echo:") + method + ":" + zs_io_read(io, 0);
+        zs_io_realloc(io, 0);
+        zs_io_write(io, reply.data(), reply.size());
+    }
+    zs_reply(io);
+    zs_io_free(io);
+    if (fd >= 0)
+        close(fd);
 }
 
 }  // namespace Orvex::Test

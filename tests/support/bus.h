@@ -7,6 +7,8 @@
 #include "zservice/zservice.h"
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -52,12 +54,15 @@ private:
     int result_ = -2;
 };
 
-// A call frame as bytes; putU32 overrides a field to build bad ones.
+// A frame as bytes, built by the bus's own encoder; putU32 overrides a field to build bad ones.
+std::string frame(uint8_t kind, const std::string& name, const std::string& body);
 std::string callFrame(const std::string& method, const std::string& body);
 void putU32(std::string& frame, size_t offset, uint32_t value);
 
-// A raw connection to an abstract address; -1 when nobody listens.
+// A raw connection to a bus address; -1 when nobody listens.
 int rawConnect(const std::string& address);
+// A raw listening socket on a bus address (a stand-in service); -1 when taken.
+int rawListen(const std::string& address);
 bool sendAll(int fd, const std::string& bytes);
 // Everything the server sends until it closes (or timeoutMs passes; then closed=false).
 std::string readUntilClosed(int fd, int timeoutMs, bool& closed);
@@ -76,6 +81,32 @@ public:
 
 private:
     int fds_[2] = {-1, -1};
+};
+
+// Descriptors open in this process once the process-wide signal pipe, which the first
+// service creates, exists (so that pipe is not counted as a leak).
+int settledFdCount();
+
+// One bus service on its own thread whose handler is any callable (run on the loop
+// thread). The default handler replies "echo:<method>:<body>" (the bare body for method
+// "raw") and closes the descriptor. One TestService at a time.
+class TestService {
+public:
+    using Handler = std::function<void(const char* method, zs_io* io, int fd)>;
+    explicit TestService(Handler onCall = {}, int recvTimeout = 30, int policy = 0,
+                         std::string address = uniqueAddress("svc"));
+
+    const std::string& address() const { return served_->address(); }
+    zs* bus() const { return served_->bus(); }
+    int calls() const;
+    // Stops the loop and returns what zs_start returned.
+    int stop() { return served_->stop(); }
+
+    static void echo(const char* method, zs_io* io, int fd);
+
+private:
+    static void dispatch(const char* method, zs_io* io, int fd);
+    std::unique_ptr<ServedBus> served_;
 };
 
 }  // namespace Orvex::Test

@@ -1,6 +1,10 @@
 #include "tests/support/process.h"
 
+#include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -33,9 +38,8 @@ TempDir::TempDir()
 
 TempDir::~TempDir()
 {
-    std::string command = "rm -rf '" + path_ + "'";
-    if (std::system(command.c_str()) != 0)
-        std::fprintf(stderr, "could not remove %s\n", path_.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
 }
 
 bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout)
@@ -84,8 +88,8 @@ void redirect(int target, const std::string& path, int flags)
 
 [[noreturn]] void execChild(const Spawn& spawn, int stdinRead)
 {
-    if (stdinRead >= 0)
-        dup2(stdinRead, STDIN_FILENO);
+    if (stdinRead >= 0 || spawn.stdinFd >= 0)
+        dup2(stdinRead >= 0 ? stdinRead : spawn.stdinFd, STDIN_FILENO);
     else
         redirect(STDIN_FILENO, "", O_RDONLY);
     if (spawn.stdoutFd >= 0)
@@ -165,6 +169,49 @@ void Child::writeStdin(const std::string& text)
 void Child::closeStdin()
 {
     stdin_.reset();
+}
+
+int openFds(pid_t pid)
+{
+    DIR* dir = opendir(pid ? ("/proc/" + std::to_string(pid) + "/fd").c_str() : "/proc/self/fd");
+    if (!dir)
+        return -1;
+    int count = 0;
+    while (dirent* entry = readdir(dir))
+        count += entry->d_name[0] != '.';
+    closedir(dir);
+    return count - (pid ? 0 : 1);  // not the descriptor of the listing itself
+}
+
+int inChild(const std::function<void()>& body, bool quiet)
+{
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (quiet)
+            redirect(STDERR_FILENO, "", O_WRONLY);
+        body();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+UniqueFd loopbackSocket(int type, int& port)
+{
+    UniqueFd fd(socket(AF_INET, type | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    socklen_t size = sizeof address;
+    auto* sa = reinterpret_cast<sockaddr*>(&address);
+    if (bind(fd.get(), sa, size) != 0 || (type == SOCK_STREAM && listen(fd.get(), 1) != 0) ||
+        getsockname(fd.get(), sa, &size) != 0)
+        return UniqueFd();
+    port = ntohs(address.sin_port);
+    return fd;
 }
 
 RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env,

@@ -1,5 +1,6 @@
-// Shared test support: temporary folders, files, JSON helpers and child processes.
-// For one test thread at a time; nothing here is tied to a particular program.
+// The harness's base, shared by tests, benchmarks and fuzz targets: temporary folders,
+// files, JSON helpers, loopback sockets and the one owner of child processes (Child; run
+// and inChild are built on fork too). For one test thread at a time.
 #pragma once
 
 #include <sys/types.h>
@@ -47,7 +48,8 @@ struct Spawn {
     std::vector<std::string> env;     // extra NAME=VALUE entries
     std::string stdoutPath;           // empty: /dev/null
     std::string stderrPath;           // empty: /dev/null
-    bool stdinPipe = false;           // else /dev/null
+    bool stdinPipe = false;           // else stdinFd, else /dev/null
+    int stdinFd = -1;
     int stdoutFd = -1;                // instead of stdoutPath
 };
 
@@ -74,6 +76,17 @@ private:
     bool reaped_ = false;
     UniqueFd stdin_;
 };
+
+// Open descriptors of a process (this one when pid is 0), -1 when it is gone.
+int openFds(pid_t pid = 0);
+
+// Runs body in a forked child (no exec) and returns its exit status (as Child::wait); the
+// child's standard error is dropped when quiet is set.
+int inChild(const std::function<void()>& body, bool quiet = false);
+
+// A socket on 127.0.0.1 (SOCK_STREAM ones listen); port 0 picks a free one and is set to
+// it. Empty when the port is taken.
+UniqueFd loopbackSocket(int type, int& port);
 
 struct RunResult {
     int status = -1;

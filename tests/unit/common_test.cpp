@@ -122,22 +122,3 @@ TEST_F(TraceTest, FailuresWhileTracingAreSwallowed)
     EXPECT_EQ(tracedProbe(6), 12);
 }
 
-TEST(Exceptions, DistinctTypesThatReportTheBaseName)
-{
-    auto caught = [](auto thrower) -> std::string {
-        try {
-            thrower();
-        } catch (SessionNotFound& e) {
-            return std::string("notfound:") + e.name();
-        } catch (SessionException& e) {
-            return std::string("session:") + e.name() + ":" + e.message() + ":" + std::to_string(e.code());
-        } catch (Poco::Exception& e) {
-            return std::string("other:") + e.name();
-        }
-        return "none";
-    };
-    EXPECT_EQ(caught([] { throw SessionException("not signin", 403); }), "session:Exception:not signin:403");
-    EXPECT_EQ(caught([] { throw SessionNotFound("x", 1); }), "notfound:Exception");
-    EXPECT_EQ(caught([] { throw MySQL::Exception("x", 1); }), "other:Exception");
-    EXPECT_EQ(caught([] { throw OnlineUser::Exception("x", 1); }), "other:Exception");
-}

@@ -13,7 +13,7 @@ orvex_add_gtest(option_test
 add_executable(option_listener ${CMAKE_CURRENT_LIST_DIR}/option_listener.cpp)
 orvex_add_gtest(option_probe_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/option_probe_test.cpp
-  LIBS orvex::option
+  LIBS orvex::option orvex_test_support
   ISOLATED)
 add_dependencies(option_probe_test option_listener)
 target_compile_definitions(option_probe_test PRIVATE

@@ -3,15 +3,10 @@
 #include "option/option.h"
 
 #include "common/raii.h"
+#include "tests/support/process.h"
 
 #include <gtest/gtest.h>
 
-#include <Poco/Pipe.h>
-#include <Poco/PipeStream.h>
-#include <Poco/Process.h>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstdlib>
@@ -25,24 +20,17 @@ namespace {
 
 struct HeldPort {
     UniqueFd fd;
-    int port;
+    int port = 0;
 };
 
 // A loopback socket of this very process; TCP ones listen. Port 0 picks a free one.
 HeldPort holdPort(int type, int port = 0)
 {
-    UniqueFd fd(socket(AF_INET, type | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(uint16_t(port));
-    socklen_t length = sizeof addr;
-    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), length), 0) << port;
-    if (type == SOCK_STREAM) {
-        EXPECT_EQ(listen(fd.get(), 1), 0);
-    }
-    getsockname(fd.get(), reinterpret_cast<sockaddr*>(&addr), &length);
-    return {std::move(fd), ntohs(addr.sin_port)};
+    HeldPort held;
+    held.port = port;
+    held.fd = Test::loopbackSocket(type, held.port);
+    EXPECT_TRUE(held.fd) << port;
+    return held;
 }
 
 // The compiled listener running under the file name "rsyslogd"; stopped by closing its stdin.
@@ -50,27 +38,23 @@ class Rsyslogd {
 public:
     explicit Rsyslogd(const std::string& protocol)
     {
-        char dir[] = "/tmp/orvex-option-XXXXXX";
-        dir_ = mkdtemp(dir);
-        std::string path = dir_ + "/rsyslogd";
-        std::filesystem::copy_file(ORVEX_OPTION_LISTENER, path);
-        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
-        handle_.reset(new Poco::ProcessHandle(Poco::Process::launch(path, {protocol}, &in_, &out_, nullptr)));
-        Poco::PipeInputStream stream(out_);
-        stream >> port;
+        std::filesystem::copy_file(ORVEX_OPTION_LISTENER, dir_.file("rsyslogd"));
+        Test::Spawn spawn{{dir_.file("rsyslogd"), protocol}, {}, dir_.file("port"), ""};
+        spawn.stdinPipe = true;
+        child_ = std::make_unique<Test::Child>(spawn);
+        Test::waitFor([this] { return Test::readFile(dir_.file("port")).find('\n') != std::string::npos; });
+        port = std::atoi(Test::readFile(dir_.file("port")).c_str());
     }
     ~Rsyslogd()
     {
-        in_.close();
-        handle_->wait();
-        std::filesystem::remove_all(dir_);
+        child_->closeStdin();
+        child_->wait();
     }
     int port = 0;
 
 private:
-    std::string dir_;
-    Poco::Pipe in_, out_;
-    std::unique_ptr<Poco::ProcessHandle> handle_;
+    Test::TempDir dir_;
+    std::unique_ptr<Test::Child> child_;
 };
 
 std::string outcome(const std::string& args)

@@ -237,12 +237,15 @@ TEST(Invoke, ReleasesWhatTheHandlerLeftAndNothingItTookOver)
     json_decref(keptArgs);
 }
 
-TEST(Invoke, IdleRunReturnsAfterWakeUpAll)
+TEST(Invoke, IdleWorkerReturnsFromRunOnceWokenUp)
 {
     PthreadWorker worker;
     Poco::Thread thread;
     thread.start(worker);
-    do  // run blocks in its queue some time after start
+    // run blocks in its queue some time after start, so wake it until it has returned.
+    bool ended = Orvex::Test::waitFor([&] {
         worker.wakeUpAll();
-    while (!thread.tryJoin(10));
+        return thread.tryJoin(10);
+    }, std::chrono::seconds(5));
+    ASSERT_TRUE(ended) << "an idle worker kept waiting after wakeUpAll";
 }

@@ -2,9 +2,10 @@
 // the real address (private network namespace, so abstract names meet nothing else), and a
 // fake program file in the private /usr/local/sbin.
 #include "common/misc.h"
-#include "tests/unit/session_support.h"
+#include "common/paths.h"
+#include "tests/support/session.h"
 
-#include "tests/support/bus.h"
+#include "tests/support/daemon.h"
 
 #include <sys/stat.h>
 
@@ -16,52 +17,47 @@ using namespace Orvex;
 namespace {
 
 constexpr const char* kMac = "00:11:22:33:44:55";
-constexpr const char* kProgram = "/usr/local/sbin/orvex-session";
+constexpr const char* kProgram = Paths::kDaemonPath;
 
-// What the fake per-device process saw and what it answers; one call at a time.
-std::mutex gMutex;
-std::vector<std::pair<std::string, std::string>> gCalls;
-std::string gAnswer;
-
-void fakeHandler(const char* method, zs_io* io, int fd)
-{
-    std::string answer;
-    {
-        std::lock_guard<std::mutex> lock(gMutex);
-        gCalls.emplace_back(method, zs_io_read(io, 0));
-        answer = gAnswer;
-    }
-    zs_io_realloc(io, 0);
-    zs_io_write(io, answer.data(), answer.size());
-    zs_reply(io);
-    zs_io_free(io);
-    if (fd >= 0)
-        ::close(fd);
-}
-
+// The per-device process on its real address: records each call and answers `answer`.
 class FakeDevice {
 public:
-    explicit FakeDevice(const std::string& answer)
+    explicit FakeDevice(std::string answer) : answer_(std::move(answer))
     {
-        std::lock_guard<std::mutex> lock(gMutex);
-        gCalls.clear();
-        gAnswer = answer;
-        if (!bus_.ok())
-            throw std::runtime_error("cannot serve " + bus_.address());
+        if (!service_.bus())
+            throw std::runtime_error("cannot serve " + service_.address());
     }
     std::vector<std::pair<std::string, std::string>> calls() const
     {
-        std::lock_guard<std::mutex> lock(gMutex);
-        return gCalls;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return calls_;
     }
 
 private:
-    Test::ServedBus bus_{std::string("@/var/run/orvex/orvex-session@") + kMac, &fakeHandler};
+    void answer(const char* method, zs_io* io, int fd)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            calls_.emplace_back(method, zs_io_read(io, 0));
+        }
+        zs_io_realloc(io, 0);
+        zs_io_write(io, answer_.data(), answer_.size());
+        zs_reply(io);
+        zs_io_free(io);
+        if (fd >= 0)
+            ::close(fd);
+    }
+
+    const std::string answer_;
+    mutable std::mutex mutex_;
+    std::vector<std::pair<std::string, std::string>> calls_;
+    Orvex::Test::TestService service_{[this](const char* m, zs_io* io, int fd) { answer(m, io, fd); }, 30, 0,
+        Paths::busAddress(kMac)};
 };
 
 JsonRef object(const char* text)
 {
-    return Harness::parseJson(text);
+    return Orvex::Test::parseJson(text);
 }
 
 void writeProgram(const std::string& script)
@@ -108,7 +104,7 @@ TEST_F(SessionBus, CallForwardsTheObjectAndReplacesItWithTheReply)
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].first, "del_device_rsyslog_client");
     EXPECT_EQ(calls[0].second, R"({"id":[7],"path":"a\/b"})");
-    EXPECT_EQ(Harness::dump(raw), R"({"done":true,"error_code":0,"error_message":""})");
+    EXPECT_EQ(Orvex::Test::dump(raw), R"({"done":true,"error_code":0,"error_message":""})");
 }
 
 TEST_F(SessionBus, StartLaunchesTheProgramThenSignsItIn)
@@ -128,10 +124,12 @@ TEST_F(SessionBus, StartLaunchesTheProgramThenSignsItIn)
     EXPECT_EQ(get_file_context(marker), std::string("-m ") + kMac + "\n");
     ::unlink(marker);
     auto calls = device.calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].first, "signin");
-    EXPECT_EQ(calls[0].second, R"({"ip":"192.0.2.7","port":8080,"secure":true,"user":"admin","pass":"p\/w"})");
-    EXPECT_EQ(Harness::dump(raw), R"({"error_code":0,"error_message":"","model":"NVX-4200"})");
+    // A readiness ping first, then the sign-in.
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].first, "ping");
+    EXPECT_EQ(calls[1].first, "signin");
+    EXPECT_EQ(calls[1].second, R"({"ip":"192.0.2.7","port":8080,"secure":true,"user":"admin","pass":"p\/w"})");
+    EXPECT_EQ(Orvex::Test::dump(raw), R"({"error_code":0,"error_message":"","model":"NVX-4200"})");
 }
 
 TEST_F(SessionBus, StopAsksTheProcessToSignOutAndKeepsTheObject)
@@ -146,7 +144,7 @@ TEST_F(SessionBus, StopAsksTheProcessToSignOutAndKeepsTheObject)
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].first, "signout");
     EXPECT_EQ(calls[0].second, "");
-    EXPECT_EQ(Harness::dump(raw), R"({"keep":1})");
+    EXPECT_EQ(Orvex::Test::dump(raw), R"({"keep":1})");
 }
 
 TEST_F(SessionBus, NobodyListeningOrNoMacIsSessionNotFoundWithTheMac)
@@ -164,26 +162,13 @@ TEST_F(SessionBus, NobodyListeningOrNoMacIsSessionNotFoundWithTheMac)
     }
 }
 
-TEST_F(SessionBus, StopAllEndsEveryProcessRunningTheProgram)
+
+TEST_F(SessionBus, StopWithoutAMacEndsEverySessionProcessWhichSignsOut)
 {
-    std::string copy = std::string("cp /bin/sleep ") + kProgram;
-    ASSERT_EQ(std::system(copy.c_str()), 0);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::execl(kProgram, kProgram, "30", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    // lsof finds the process only once it runs the program; wait for the exec to show.
-    std::string exe = "/proc/" + std::to_string(pid) + "/exe";
-    for (int i = 0; i < 5000; ++i) {
-        char target[256] = {0};
-        if (::readlink(exe.c_str(), target, sizeof target - 1) > 0 && std::strstr(target, "orvex-session"))
-            break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    Orvex::Test::SignedIn a("legacy", false, "00:11:22:33:44:66"), b("token", false, "00:11:22:33:44:77");
     Session::stop();
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+    EXPECT_EQ(a.daemon.process().wait(), 0) << a.daemon.log();
+    EXPECT_EQ(b.daemon.process().wait(), 0) << b.daemon.log();
+    EXPECT_EQ(a.device.requestsTo("POST", "/cgi-bin/authLogout.cgi").size(), 1u);
+    EXPECT_EQ(b.device.requestsTo("GET", "/zem/oauth/logout").size(), 1u);
 }

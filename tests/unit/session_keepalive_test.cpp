@@ -1,7 +1,7 @@
 // The keep-alive tick: a live session survives it, a dead or idle one ends the process with
 // status 1 after signing out (run in a forked child). And the tick on its timer thread
 // beside a handler thread (the ThreadSanitizer build proves the sharing race-free).
-#include "tests/unit/session_support.h"
+#include "tests/support/session.h"
 
 #include <Poco/Timer.h>
 
@@ -10,8 +10,8 @@
 #include <thread>
 
 using namespace Orvex;
-using Orvex::Harness::Devsim;
-using Orvex::Harness::Logged;
+using Orvex::Test::Devsim;
+using Orvex::Test::Logged;
 
 namespace {
 
@@ -38,7 +38,7 @@ int tickInChild(time_t stamp = time(nullptr))
 {
     Session& session = Session::getInstance();
     session.setLastAccess(stamp);
-    return Harness::inChild([&session] {
+    return Orvex::Test::inChild([&session] {
         Poco::Timer timer;
         session.alive(timer);
     });
@@ -56,11 +56,9 @@ TEST(SessionKeepAlive, LiveSessionSurvivesTheTickForEachFamily)
 {
     for (const Family& f : kFamilies) {
         Devsim device(f.name, f.tls);
-        Harness::signin(device);
+        Orvex::Test::signin(device);
         size_t before = device.requests().size();
-        int status = tickInChild();
-        ASSERT_TRUE(WIFEXITED(status)) << f.name;
-        EXPECT_EQ(WEXITSTATUS(status), 0) << f.name;
+        EXPECT_EQ(tickInChild(), 0) << f.name;
         std::vector<Logged> log = device.requestsFrom(before);
         ASSERT_EQ(log.size(), 1u) << f.name;
         EXPECT_TRUE(startsWith(log[0].target, f.aliveTarget)) << log[0].target;
@@ -75,12 +73,10 @@ TEST(SessionKeepAlive, DeadSessionSignsOutAndExitsWithOne)
 {
     for (const Family& f : kFamilies) {
         Devsim device(f.name, f.tls, {"--expire-after", "1"});
-        Harness::signin(device);
+        Orvex::Test::signin(device);
         waitUntilExpired();
         size_t before = device.requests().size();
-        int status = tickInChild();
-        ASSERT_TRUE(WIFEXITED(status)) << f.name;
-        EXPECT_EQ(WEXITSTATUS(status), 1) << f.name;
+        EXPECT_EQ(tickInChild(), 1) << f.name;
         std::vector<Logged> log = device.requestsFrom(before);
         ASSERT_EQ(log.size(), 2u) << f.name;
         EXPECT_TRUE(startsWith(log[0].target, f.aliveTarget)) << log[0].target;
@@ -91,45 +87,37 @@ TEST(SessionKeepAlive, DeadSessionSignsOutAndExitsWithOne)
 TEST(SessionKeepAlive, IdleSessionEndsWithoutAskingTheDevice)
 {
     Devsim device("token", false);
-    Harness::signin(device);
+    Orvex::Test::signin(device);
     size_t before = device.requests().size();
-    int status = tickInChild(time(nullptr) - 601);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(tickInChild(time(nullptr) - 601), 1);
     std::vector<Logged> log = device.requestsFrom(before);
     ASSERT_EQ(log.size(), 1u);
     EXPECT_TRUE(startsWith(log[0].target, "/zem/oauth/logout?")) << log[0].target;
 
     // Just under the limit the session lives (the child's sign-out ended the old one).
-    Harness::signin(device);
-    status = tickInChild(time(nullptr) - 599);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    Orvex::Test::signin(device);
+    EXPECT_EQ(tickInChild(time(nullptr) - 599), 0);
 }
 
 TEST(SessionKeepAlive, NeverSignedInEndsOnTheFirstTick)
 {
     Session::getInstance().reset();
-    int status = tickInChild();
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(tickInChild(), 1);
 }
 
 TEST(SessionKeepAlive, UnreachableDeviceStillEndsTheProcess)
 {
     Devsim device("legacy", false);
-    Harness::signin(device);
+    Orvex::Test::signin(device);
     device.stop();
-    int status = tickInChild();
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(tickInChild(), 1);
 }
 
 // The tick runs on the timer's thread while a handler thread works on the same session.
 TEST(SessionThreads, TimerTickAndOperationsShareTheSession)
 {
     Devsim device("token", true);
-    Harness::signin(device);
+    Orvex::Test::signin(device);
     Session& session = Session::getInstance();
     std::atomic<int> handled{0};
     Poco::Timer timer(0, 5);

@@ -1,6 +1,6 @@
 // A device that accepts the connection but never answers in time: each exchange gives up
 // after the 10-second time-out (slow by nature; labelled so).
-#include "tests/unit/session_support.h"
+#include "tests/support/session.h"
 
 #include <chrono>
 
@@ -8,10 +8,10 @@ using namespace Orvex;
 
 TEST(SessionTimeout, UnansweringDeviceFailsEachExchangeAfterTenSeconds)
 {
-    Harness::Devsim slow("token", false, {"--delay-ms", "14000"});
+    Orvex::Test::Devsim slow("token", false, {"--delay-ms", "14000"});
     Session& session = Session::getInstance();
     session.reset();
-    SigninOption option = Harness::signinOption(slow);
+    SigninOption option = Orvex::Test::signinOption(slow);
     json_t* out = json_object();
     JsonRef owner = JsonRef::adopt(out);
     auto begin = std::chrono::steady_clock::now();
@@ -21,6 +21,7 @@ TEST(SessionTimeout, UnansweringDeviceFailsEachExchangeAfterTenSeconds)
     } catch (const SessionException& e) {
         EXPECT_EQ(e.message(), "signin fail");
     }
+    EXPECT_EQ(session.status().failure, "unreachable");
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     // Two attempts (legacy, then token), each cut at ten seconds, not at the device's 14.
     EXPECT_GE(seconds, 19.5);

@@ -19,12 +19,13 @@
 
 namespace Orvex::Devsim {
 
+// One simulated device. The request log may be shared by several devices.
 struct Device {
-    explicit Device(const Config& c) : config(c), sessions(c.faults.expireAfter), log(c.logFile) {}
+    Device(const Config& c, RequestLog& l) : config(c), sessions(c.faults.expireAfter), log(l) {}
     const Config config;
     Sessions sessions;
     SyslogStore syslog;
-    RequestLog log;
+    RequestLog& log;
 };
 
 using Params = std::vector<std::pair<std::string, std::string>>;

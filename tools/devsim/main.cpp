@@ -1,5 +1,6 @@
-// orvex-devsim: plays one remote storage device (legacy or token firmware family) over
-// HTTP or HTTPS for tests, benchmarks and demos. See --help and README.md.
+// orvex-devsim: plays one remote storage device (legacy or token firmware family), or with
+// --devices N that many, over HTTP or HTTPS for tests, benchmarks and demos. See --help and
+// README.md.
 #include <Poco/Exception.h>
 #include <Poco/Net/HTTPServer.h>
 #include <Poco/Net/HTTPServerParams.h>
@@ -17,6 +18,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "tools/devsim/fleet.h"
 #include "tools/devsim/handler.h"
 #include "tools/devsim/options.h"
 #include "tools/devsim/tls.h"
@@ -67,20 +69,41 @@ Poco::Net::HTTPServerParams::Ptr serverParams()
     return params;
 }
 
+// Waits for SIGTERM/SIGINT (blocked in every thread, see main).
+void waitForStop(const Config& config)
+{
+    if (config.stdinWatch)
+        watchStdin();
+    sigset_t set = stopSignals();
+    int signal = 0;
+    sigwait(&set, &signal);
+}
+
+int serveFleet(const Config& config)
+{
+    Fleet fleet(config);
+    fleet.start();
+    for (const auto& url : fleet.urls())
+        std::cout << "orvex-devsim listening on " << url << "\n";
+    std::cout << std::flush;
+    waitForStop(config);
+    fleet.stop();
+    return 0;
+}
+
 int serve(const Config& config)
 {
-    Device device(config);
+    if (config.devices > 0)
+        return serveFleet(config);
+    RequestLog log(config.logFile);
+    Device device(config, log);
     Poco::Net::ServerSocket socket = makeSocket(config);
     Poco::ThreadPool pool(2, 32);
     Poco::Net::HTTPServer server(new HandlerFactory(device), pool, socket, serverParams());
     server.start();
     std::cout << "orvex-devsim listening on " << (config.tls ? "https" : "http") << "://" << config.host << ":"
               << socket.address().port() << std::endl;
-    if (config.stdinWatch)
-        watchStdin();
-    sigset_t set = stopSignals();
-    int signal = 0;
-    sigwait(&set, &signal);
+    waitForStop(config);
     server.stopAll(true);
     pool.joinAll();
     return 0;

@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -14,8 +15,8 @@ namespace {
 enum OptionId {
     OPT_FAMILY = 256, OPT_HOST, OPT_PORT, OPT_TLS, OPT_CERT, OPT_KEY, OPT_USER, OPT_PASS,
     OPT_LOG, OPT_STDIN_WATCH, OPT_HELP, OPT_DELAY, OPT_OMIT, OPT_GARBAGE, OPT_JSON_ARRAY,
-    OPT_HANGUP, OPT_EXPIRE, OPT_TLS10, OPT_FOREIGN_404, OPT_MODEL, OPT_FIRMWARE,
-    OPT_FIRMWARE_NUMBER, OPT_HOSTNAME, OPT_SERIAL
+    OPT_HANGUP, OPT_EXPIRE, OPT_TLS10, OPT_TLS11, OPT_FOREIGN_404, OPT_MODEL, OPT_FIRMWARE,
+    OPT_FIRMWARE_NUMBER, OPT_HOSTNAME, OPT_SERIAL, OPT_DEVICES
 };
 
 const struct option kLongOptions[] = {
@@ -37,12 +38,14 @@ const struct option kLongOptions[] = {
     {"hangup", required_argument, nullptr, OPT_HANGUP},
     {"expire-after", required_argument, nullptr, OPT_EXPIRE},
     {"tls10-only", no_argument, nullptr, OPT_TLS10},
+    {"tls11-only", no_argument, nullptr, OPT_TLS11},
     {"foreign-404", no_argument, nullptr, OPT_FOREIGN_404},
     {"model", required_argument, nullptr, OPT_MODEL},
     {"firmware", required_argument, nullptr, OPT_FIRMWARE},
     {"firmware-number", required_argument, nullptr, OPT_FIRMWARE_NUMBER},
     {"hostname", required_argument, nullptr, OPT_HOSTNAME},
     {"serial", required_argument, nullptr, OPT_SERIAL},
+    {"devices", required_argument, nullptr, OPT_DEVICES},
     {nullptr, 0, nullptr, 0}};
 
 long parseNumber(const char* name, const char* text, long min, long max)
@@ -56,13 +59,14 @@ long parseNumber(const char* name, const char* text, long min, long max)
     return value;
 }
 
-Family parseFamily(const std::string& text)
+Family parseFamily(const std::string& text, bool& mixed)
 {
-    if (text == "legacy")
+    mixed = text == "mixed";
+    if (text == "legacy" || mixed)
         return Family::Legacy;
     if (text == "token")
         return Family::Token;
-    throw std::invalid_argument("--family: '" + text + "' is neither legacy nor token");
+    throw std::invalid_argument("--family: '" + text + "' is neither legacy, token nor mixed");
 }
 
 Identity defaultIdentity(Family family)
@@ -100,6 +104,7 @@ bool applyFault(Faults& faults, int id, const char* arg)
     case OPT_HANGUP: faults.hangup.push_back(arg); return true;
     case OPT_EXPIRE: faults.expireAfter = static_cast<int>(parseNumber("expire-after", arg, 1, INT_MAX)); return true;
     case OPT_TLS10: faults.tls10Only = true; return true;
+    case OPT_TLS11: faults.tls11Only = true; return true;
     case OPT_FOREIGN_404: return true;  // already the normal behaviour
     default: return false;
     }
@@ -120,7 +125,8 @@ bool applyIdentity(IdentityOverrides& o, int id, const char* arg)
 bool applyBasic(Config& config, bool& familySeen, int id, const char* arg)
 {
     switch (id) {
-    case OPT_FAMILY: config.family = parseFamily(arg); familySeen = true; return true;
+    case OPT_FAMILY: config.family = parseFamily(arg, config.mixed); familySeen = true; return true;
+    case OPT_DEVICES: config.devices = static_cast<int>(parseNumber("devices", arg, 1, 10000)); return true;
     case OPT_HOST: config.host = arg; return true;
     case OPT_PORT: config.port = static_cast<uint16_t>(parseNumber("port", arg, 0, 65535)); return true;
     case OPT_TLS: config.tls = true; return true;
@@ -138,11 +144,17 @@ bool applyBasic(Config& config, bool& familySeen, int id, const char* arg)
 void checkConsistency(const Config& config, bool familySeen)
 {
     if (!familySeen)
-        throw std::invalid_argument("--family is required (legacy or token)");
+        throw std::invalid_argument("--family is required (legacy, token or mixed)");
+    if (config.mixed && config.devices == 0)
+        throw std::invalid_argument("--family mixed needs --devices");
+    if (config.port != 0 && config.port + std::max(config.devices, 1) - 1 > 65535)
+        throw std::invalid_argument("--port + --devices runs past port 65535");
     if (config.cert.empty() != config.key.empty())
         throw std::invalid_argument("--cert and --key go together");
-    if (config.faults.tls10Only && !config.tls)
-        throw std::invalid_argument("--tls10-only needs --tls");
+    if ((config.faults.tls10Only || config.faults.tls11Only) && !config.tls)
+        throw std::invalid_argument(config.faults.tls10Only ? "--tls10-only needs --tls" : "--tls11-only needs --tls");
+    if (config.faults.tls10Only && config.faults.tls11Only)
+        throw std::invalid_argument("--tls10-only and --tls11-only exclude each other");
 }
 
 }  // namespace
@@ -168,7 +180,21 @@ Config parseCommandLine(int argc, char** argv)
     checkConsistency(config, familySeen);
     config.identity = defaultIdentity(config.family);
     applyOverrides(config.identity, overrides);
+    config.tokenIdentity = defaultIdentity(Family::Token);
+    applyOverrides(config.tokenIdentity, overrides);
     return config;
+}
+
+Config deviceConfig(const Config& fleet, int index)
+{
+    Config device = fleet;
+    if (fleet.mixed && index % 2 == 1) {
+        device.family = Family::Token;
+        device.identity = fleet.tokenIdentity;
+    }
+    if (fleet.port != 0)
+        device.port = static_cast<uint16_t>(fleet.port + index);
+    return device;
 }
 
 bool hasPrefix(const std::vector<std::string>& prefixes, const std::string& path)
@@ -182,6 +208,7 @@ bool hasPrefix(const std::vector<std::string>& prefixes, const std::string& path
 const char* helpText()
 {
     return R"(Usage: orvex-devsim --family legacy|token [--host 127.0.0.1] [--port 0] [--tls]
+                    [--devices N [--family mixed]]
                     [--cert FILE --key FILE] [--user admin] [--pass secret]
                     [--log FILE] [--stdin-watch] [fault knobs...] [identity...]
 
@@ -194,7 +221,15 @@ It runs until SIGTERM/SIGINT, or until standard input reaches EOF with --stdin-w
 Exit status: 0 after a clean stop, 2 on a bad command line, 1 when it cannot start.
 
 Options:
-  --family legacy|token   firmware family to play (required)
+  --family legacy|token|mixed
+                          firmware family to play (required; mixed only with --devices)
+  --devices N             play N devices (1..10000) in this one process, each on its own
+                          port (consecutive from --port, or each a free one with --port 0),
+                          each with its own sessions and syslog settings; one ready line
+                          per device, in device order, all printed once every port listens.
+                          One thread accepts on every port, a shared pool of at most 64
+                          threads answers. --family mixed: even devices legacy, odd token.
+                          The other options apply to every device (--log: one shared file)
   --host ADDR             address to listen on (default 127.0.0.1)
   --port N                port; 0 picks a free one (default 0)
   --tls                   serve HTTPS
@@ -219,6 +254,8 @@ Fault knobs:
   --expire-after SECONDS  sessions and tokens die SECONDS after sign-in: alive checks fail,
                           identity and syslog requests answer as not signed in (401)
   --tls10-only            accept TLS 1.0 only (with --tls)
+  --tls11-only            accept TLS 1.1 only (with --tls), like old firmware behind a
+                          server that offers nothing newer
   --foreign-404           accepted; always on: unknown paths, including the other
                           family's, get an HTML 404 page
   Knob prefixes are repeatable; hangup wins over garbage, garbage over json-array.

@@ -28,10 +28,13 @@ struct Faults {
     std::vector<std::string> hangup;      // path prefixes answered by closing the connection
     int expireAfter = 0;                  // seconds a session/token lives; 0 = forever
     bool tls10Only = false;
+    bool tls11Only = false;
 };
 
 struct Config {
     Family family = Family::Legacy;
+    bool mixed = false;          // --family mixed: device i plays legacy when i is even, else token
+    int devices = 0;             // --devices N: N devices in one process; 0 = the one classic device
     std::string host = "127.0.0.1";
     uint16_t port = 0;
     bool tls = false;
@@ -43,10 +46,14 @@ struct Config {
     bool stdinWatch = false;
     bool help = false;
     Identity identity;
+    Identity tokenIdentity;      // with --family mixed: what the token devices say about themselves
     Faults faults;
 };
 
 Config parseCommandLine(int argc, char** argv);
+// The configuration of device `index` of a --devices run: its family, identity and port
+// (consecutive from --port, or 0 = a free one).
+Config deviceConfig(const Config& fleet, int index);
 const char* helpText();
 bool hasPrefix(const std::vector<std::string>& prefixes, const std::string& path);
 

@@ -56,10 +56,10 @@ void useSelfSigned(SSL_CTX* ctx, const std::string& commonName)
         throw std::runtime_error("TLS: cannot install the self-signed certificate");
 }
 
-void setVersions(SSL_CTX* ctx, bool tls10Only)
+void setVersions(SSL_CTX* ctx, const Faults& faults)
 {
-    int min = tls10Only ? TLS1_VERSION : TLS1_1_VERSION;
-    int max = tls10Only ? TLS1_VERSION : TLS1_3_VERSION;
+    int min = faults.tls10Only ? TLS1_VERSION : TLS1_1_VERSION;
+    int max = faults.tls10Only ? TLS1_VERSION : faults.tls11Only ? TLS1_1_VERSION : TLS1_3_VERSION;
     if (SSL_CTX_set_min_proto_version(ctx, min) != 1 || SSL_CTX_set_max_proto_version(ctx, max) != 1)
         throw std::runtime_error("TLS: cannot set the protocol range");
 }
@@ -74,13 +74,13 @@ Poco::Net::Context::Ptr makeServerContext(const Config& config)
     params.verificationMode = Poco::Net::Context::VERIFY_NONE;
     params.loadDefaultCAs = false;
     // OpenSSL 3 refuses TLS 1.0/1.1 above security level 0; the device must still offer
-    // them so that clients can be seen refusing them.
+    // them so that clients can be seen refusing TLS 1.0 and accepting TLS 1.1.
     params.cipherList = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH:@SECLEVEL=0";
     Poco::Net::Context::Ptr context = new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, params);
     SSL_CTX* ctx = context->sslContext();
     if (config.cert.empty())
         useSelfSigned(ctx, config.identity.hostname);
-    setVersions(ctx, config.faults.tls10Only);
+    setVersions(ctx, config.faults);
     // Resumed handshakes are measured by a benchmark: keep both the id cache and tickets.
     context->enableSessionCache(true, "orvex-devsim");
     SSL_CTX_clear_options(ctx, SSL_OP_NO_TICKET);

@@ -8,8 +8,9 @@
 
 namespace Orvex::Devsim {
 
-// TLS 1.1-1.3 (or 1.0 only with --tls10-only), the certificate from --cert/--key or a
-// fresh self-signed one for CN=<hostname>, session cache and tickets on.
+// TLS 1.1-1.3 (1.0 only with --tls10-only, 1.1 only with --tls11-only), the certificate
+// from --cert/--key or a fresh self-signed one for CN=<hostname>, session cache and
+// tickets on.
 Poco::Net::Context::Ptr makeServerContext(const Config& config);
 
 }  // namespace Orvex::Devsim

@@ -1,24 +1,39 @@
 #include "tools/orvexctl/command_line.h"
 
-#include <cstring>
 #include <vector>
 
 #include <Poco/NumberParser.h>
-#include <Poco/RegularExpression.h>
-#include <Poco/String.h>
+
+#include "common/paths.h"
 
 namespace Orvex {
 namespace ctl {
 
 const char* const kUsage =
-    "usage: orvexctl start MAC --ip IP --port PORT --user USER\n"
-    "                (--pass PASS | --pass-env VAR | --pass-stdin) [--secure]\n"
+    "usage: orvexctl start MAC --ip IP --port PORT --user USER [--pass-env VAR | --pass-stdin]\n"
+    "                [--secure] [--level N]\n"
     "       orvexctl call MAC METHOD [JSON]\n"
-    "       orvexctl stop MAC\n"
-    "       orvexctl stop --all\n"
-    "Without a --pass option the password is read from ORVEX_PASS.\n"
-    "Exit status: 0 done, 1 the session answered with an error (or the daemon is not\n"
-    "installed), 2 bad command line, 3 no session process answers for the MAC.\n";
+    "       orvexctl stop MAC [--grace SECONDS]\n"
+    "       orvexctl stop --all [--grace SECONDS]\n"
+    "       orvexctl list [--json]\n"
+    "       orvexctl status MAC [--json]\n"
+    "       orvexctl --help | --version\n"
+    "Anywhere: --json=short|pretty (or --pretty) sets how JSON is printed; the default is\n"
+    "indented on a terminal, compact otherwise.\n"
+    "start: without --pass-env or --pass-stdin the password is read from ORVEX_PASS; the\n"
+    "daemon never sees it in its environment. --level sets the daemon's log level (0-8).\n"
+    "stop: asks the session to sign out; one that does not end gets SIGTERM, and SIGKILL\n"
+    "after the grace period (default 5 s). Each session that ended is reported.\n"
+    "list, status: MAC, pid, state (running, exited, stale binary), uptime and, for a\n"
+    "running session, family, device, identity and seconds since last use; read from the\n"
+    "status files, so looking does not count as use.\n"
+    "Exit status:\n"
+    "  0  done (list, status: every session listed runs)\n"
+    "  1  the session answered with an error, a stop left survivors, or another failure\n"
+    "  2  bad command line\n"
+    "  3  no session process answers for the MAC (list, status: a session does not run)\n"
+    "  4  start: the device is unreachable (refused, no route, time-out, TLS mismatch)\n"
+    "  5  start: the device rejected the credentials\n";
 
 namespace {
 
@@ -31,53 +46,59 @@ std::string requireValue(const Args& args, size_t& i, const std::string& name)
     return args[++i];
 }
 
-int parsePort(const std::string& text)
+int parseNumber(const std::string& text, int low, int high, const char* what)
 {
-    int port = 0;
-    if (!Poco::NumberParser::tryParse(text, port) || port < 1 || port > 65535)
-        throw UsageError("port '" + text + "' is not a number from 1 to 65535");
-    return port;
+    int value = 0;
+    if (!Poco::NumberParser::tryParse(text, value) || value < low || value > high)
+        throw UsageError(std::string(what) + " '" + text + "' is not a number from " + std::to_string(low) + " to " +
+                         std::to_string(high));
+    return value;
 }
 
-void setPass(Command& command, PassSource source, const std::string& value)
+void setPass(Command& command, PassSource source, const std::string& variable)
 {
     if (command.passSource != PassSource::Default)
-        throw UsageError("give only one of --pass, --pass-env and --pass-stdin");
+        throw UsageError("give only one of --pass-env and --pass-stdin");
     command.passSource = source;
-    command.pass = value;
+    command.passVariable = variable;
 }
 
 // "--name value" and "--name=value" both work.
-void splitInline(std::string& name, std::string& inlineValue, bool& hasInline)
-{
-    size_t eq = name.find('=');
-    hasInline = eq != std::string::npos;
-    if (hasInline) {
-        inlineValue = name.substr(eq + 1);
-        name.erase(eq);
+struct Word {
+    std::string name, value;
+    bool hasValue = false;
+    explicit Word(const std::string& text) : name(text)
+    {
+        size_t eq = text.find('=');
+        if (eq != std::string::npos && text.compare(0, 2, "--") == 0) {
+            hasValue = true;
+            name = text.substr(0, eq);
+            value = text.substr(eq + 1);
+        }
     }
-}
+};
 
 void applyStartOption(Command& command, const Args& args, size_t& i)
 {
-    std::string name = args[i], value;
-    bool hasInline = false;
-    splitInline(name, value, hasInline);
-    auto take = [&]() { return hasInline ? value : requireValue(args, i, name); };
-    if (name == "--ip")
+    Word word(args[i]);
+    auto take = [&]() { return word.hasValue ? word.value : requireValue(args, i, word.name); };
+    if (word.name == "--ip")
         command.ip = take();
-    else if (name == "--port")
-        command.port = parsePort(take());
-    else if (name == "--user")
+    else if (word.name == "--port")
+        command.port = parseNumber(take(), 1, 65535, "port");
+    else if (word.name == "--user")
         command.user = take();
-    else if (name == "--pass")
-        setPass(command, PassSource::Literal, take());
-    else if (name == "--pass-env")
+    else if (word.name == "--pass")
+        throw UsageError("--pass would show the password to every user in the process list; use --pass-env VAR "
+                         "or --pass-stdin");
+    else if (word.name == "--pass-env")
         setPass(command, PassSource::Environment, take());
-    else if (name == "--pass-stdin" && !hasInline)
+    else if (word.name == "--pass-stdin" && !word.hasValue)
         setPass(command, PassSource::Stdin, "");
-    else if (name == "--secure" && !hasInline)
+    else if (word.name == "--secure" && !word.hasValue)
         command.secure = true;
+    else if (word.name == "--level")
+        command.level = parseNumber(take(), 0, 8, "level");
     else
         throw UsageError("unknown option '" + args[i] + "' for start");
 }
@@ -117,25 +138,93 @@ Command parseCall(const Args& args)
 
 Command parseStop(const Args& args)
 {
-    if (args.size() != 2)
-        throw UsageError("stop needs a MAC address or --all");
     Command command;
-    if (args[1] == "--all") {
-        command.action = Action::StopAll;
+    command.action = Action::Stop;
+    bool target = false;
+    for (size_t i = 1; i < args.size(); ++i) {
+        Word word(args[i]);
+        if (word.name == "--grace")
+            command.graceSeconds = parseNumber(word.hasValue ? word.value : requireValue(args, i, word.name), 0,
+                3600, "grace");
+        else if (target)
+            throw UsageError("stop takes one MAC address or --all");
+        else if (args[i] == "--all")
+            target = true, command.action = Action::StopAll;
+        else
+            target = true, command.mac = normaliseMac(args[i]);
+    }
+    if (!target)
+        throw UsageError("stop needs a MAC address or --all");
+    return command;
+}
+
+Command parseListing(const Args& args, Action action)
+{
+    Command command;
+    command.action = action;
+    size_t macs = 0;
+    for (size_t i = 1; i < args.size(); ++i) {
+        if (args[i] == "--json")
+            command.jsonOutput = true;
+        else if (action == Action::Status && macs++ == 0)
+            command.mac = normaliseMac(args[i]);
+        else
+            throw UsageError("unexpected '" + args[i] + "' for " + args[0]);
+    }
+    if (action == Action::Status && macs == 0)
+        throw UsageError("status needs a MAC address");
+    return command;
+}
+
+// Takes --pretty and --json=short|pretty out of args, wherever they stand.
+JsonStyle takeStyle(Args& args)
+{
+    JsonStyle style = JsonStyle::Auto;
+    for (auto it = args.begin(); it != args.end();) {
+        if (*it == "--pretty" || *it == "--json=pretty")
+            style = JsonStyle::Pretty;
+        else if (*it == "--json=short")
+            style = JsonStyle::Short;
+        else if (it->compare(0, 7, "--json=") == 0)
+            throw UsageError("--json takes short or pretty, not '" + it->substr(7) + "'");
+        else {
+            ++it;
+            continue;
+        }
+        it = args.erase(it);
+    }
+    return style;
+}
+
+Command parseAction(const Args& args)
+{
+    const std::string& verb = args[0];
+    if (verb == "-h" || verb == "--help" || verb == "help")
+        return Command{};
+    if (verb == "--version") {
+        Command command;
+        command.action = Action::Version;
         return command;
     }
-    command.action = Action::Stop;
-    command.mac = normaliseMac(args[1]);
-    return command;
+    if (verb == "start")
+        return parseStart(args);
+    if (verb == "call")
+        return parseCall(args);
+    if (verb == "stop")
+        return parseStop(args);
+    if (verb == "list")
+        return parseListing(args, Action::List);
+    if (verb == "status")
+        return parseListing(args, Action::Status);
+    throw UsageError("unknown command '" + verb + "'");
 }
 
 }  // namespace
 
 std::string normaliseMac(const std::string& text)
 {
-    static const Poco::RegularExpression pattern("^([0-9a-f]{2}:){5}([0-9a-f]{2})$");
-    std::string mac = Poco::toLower(Poco::trim(text));
-    if (!pattern.match(mac))
+    std::string mac = Paths::normaliseMac(text);
+    if (!Paths::validMac(mac))
         throw UsageError("'" + text + "' is not a MAC address (six hex pairs joined by ':')");
     return mac;
 }
@@ -143,18 +232,14 @@ std::string normaliseMac(const std::string& text)
 Command parseCommandLine(int argc, const char* const* argv)
 {
     Args args(argv + (argc > 0 ? 1 : 0), argv + argc);
+    JsonStyle style = takeStyle(args);
     if (args.empty())
         throw UsageError("no command given");
-    const std::string& verb = args[0];
-    if (verb == "-h" || verb == "--help" || verb == "help")
-        return Command{};
-    if (verb == "start")
-        return parseStart(args);
-    if (verb == "call")
-        return parseCall(args);
-    if (verb == "stop")
-        return parseStop(args);
-    throw UsageError("unknown command '" + verb + "'");
+    Command command = parseAction(args);
+    command.style = style;
+    if (style != JsonStyle::Auto)
+        command.jsonOutput = true;
+    return command;
 }
 
 }  // namespace ctl

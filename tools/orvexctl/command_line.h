@@ -14,8 +14,10 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-enum class Action { Help, Start, Call, Stop, StopAll };
-enum class PassSource { Default, Literal, Environment, Stdin };
+enum class Action { Help, Version, Start, Call, Stop, StopAll, List, Status };
+enum class PassSource { Default, Environment, Stdin };
+// How JSON is printed: Auto is indented on a terminal and compact otherwise.
+enum class JsonStyle { Auto, Short, Pretty };
 
 struct Command {
     Action action = Action::Help;
@@ -26,8 +28,12 @@ struct Command {
     int port = 0;        // Start: 1..65535
     std::string user;    // Start
     PassSource passSource = PassSource::Default;
-    std::string pass;    // Literal: the password; Environment: the variable's name
+    std::string passVariable;  // Environment: the variable's name
     bool secure = false; // Start
+    int level = -1;      // Start: the daemon's log level, -1 for its default
+    int graceSeconds = 5;  // Stop, StopAll
+    bool jsonOutput = false;  // List, Status: JSON instead of lines
+    JsonStyle style = JsonStyle::Auto;
 };
 
 extern const char* const kUsage;

@@ -1,9 +1,9 @@
 // orvexctl: front end of the per-device session processes. Starts one for a device and
-// signs it in, forwards a method call to it, or stops one or all of them. Replies are
+// signs it in, forwards a method call to it, stops one or all of them, and shows them
+// (list, status) from their lock and status files without calling them. Replies are
 // printed as JSON: indented on a terminal, compact otherwise. The password is never
-// printed and need not be on the command line (--pass-env, --pass-stdin, ORVEX_PASS).
-#include <fcntl.h>
-#include <sys/file.h>
+// printed, never on the command line (--pass-env, --pass-stdin, ORVEX_PASS), and never
+// left in the daemon's environment.
 #include <termios.h>
 #include <unistd.h>
 
@@ -11,10 +11,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <iostream>
 #include <stdexcept>
 #include <string>
-#include <thread>
+#include <vector>
 
 #include <jansson.h>
 
@@ -22,9 +23,12 @@
 
 #include "common/exceptions.h"
 #include "common/misc.h"
+#include "common/paths.h"
 #include "common/raii.h"
+#include "common/version.h"
+#include "daemon/control.h"
+#include "daemon/fleet.h"
 #include "option/option.h"
-#include "session/session.h"
 #include "tools/orvexctl/command_line.h"
 #include "zservice/channel.h"
 
@@ -32,11 +36,16 @@ namespace Orvex {
 namespace ctl {
 namespace {
 
-enum ExitCode { kExitDone = 0, kExitErrorReply = 1, kExitUsage = 2, kExitNoSession = 3 };
+enum ExitCode {
+    kExitDone = 0,
+    kExitErrorReply = 1,
+    kExitUsage = 2,
+    kExitNoSession = 3,
+    kExitUnreachable = 4,
+    kExitCredentials = 5,
+};
 
-constexpr const char* kDaemonPath = "/usr/local/sbin/orvex-session";
-constexpr const char* kBusDirectory = "/var/run/orvex";
-constexpr const char* kLockFormat = "/var/lock/orvex-session@%s.pid";
+JsonStyle g_style = JsonStyle::Auto;
 
 // Runs op on a JSON value that it may replace, and keeps whatever it ends up holding.
 template <typename Operation>
@@ -75,34 +84,37 @@ std::string readHiddenLine()
     return line;
 }
 
+// The value, which is then removed from our environment, so the daemon we launch does
+// not inherit it.
 std::string environmentPassword(const std::string& name)
 {
     const char* value = std::getenv(name.c_str());
     if (!value)
         throw UsageError("environment variable " + name + " is not set");
-    return value;
+    std::string pass = value;
+    unsetenv(name.c_str());
+    return pass;
 }
 
 std::string password(const Command& command)
 {
-    switch (command.passSource) {
-    case PassSource::Literal:
-        return command.pass;
-    case PassSource::Environment:
-        return environmentPassword(command.pass);
-    case PassSource::Stdin:
-        return readHiddenLine();
-    case PassSource::Default:
-        break;
-    }
-    if (!std::getenv("ORVEX_PASS"))
-        throw UsageError("start needs --pass, --pass-env VAR or --pass-stdin (or ORVEX_PASS)");
-    return environmentPassword("ORVEX_PASS");
+    std::string pass;
+    if (command.passSource == PassSource::Environment)
+        pass = environmentPassword(command.passVariable);
+    else if (command.passSource == PassSource::Stdin)
+        pass = readHiddenLine();
+    else if (std::getenv("ORVEX_PASS"))
+        pass = environmentPassword("ORVEX_PASS");
+    else
+        throw UsageError("start needs --pass-env VAR or --pass-stdin (or ORVEX_PASS)");
+    unsetenv("ORVEX_PASS");
+    return pass;
 }
 
 void printJson(json_t* value)
 {
-    size_t flags = isatty(STDOUT_FILENO) ? JSON_INDENT(2) : JSON_COMPACT;
+    bool pretty = g_style == JsonStyle::Pretty || (g_style == JsonStyle::Auto && isatty(STDOUT_FILENO));
+    size_t flags = pretty ? JSON_INDENT(2) : JSON_COMPACT;
     char* text = json_dumps(value, flags);
     if (text) {
         std::printf("%s\n", text);
@@ -125,17 +137,36 @@ int report(json_t* reply, const std::string& mac, const std::string& method)
     return kExitErrorReply;
 }
 
+// The cause the daemon recorded for its last failed sign-in, with the matching exit code.
+int signinFailure(const std::string& mac)
+{
+    SessionInfo info;
+    if (!findSession(mac, info) || !info.hasStatus || info.status.failure.empty())
+        return kExitErrorReply;
+    const std::string& cause = info.status.failure;
+    std::fprintf(stderr, "orvexctl: sign-in to %s:%u for %s failed: %s\n", info.status.host.c_str(),
+        info.status.port, mac.c_str(), cause.c_str());
+    if (cause == "credentials")
+        return kExitCredentials;
+    if (cause == "refused" || cause == "unreachable" || cause == "tls-mismatch")
+        return kExitUnreachable;
+    return kExitErrorReply;
+}
+
 int runStart(const Command& command)
 {
     std::string pass = password(command);
-    if (access(kDaemonPath, X_OK) != 0)
-        throw std::runtime_error(std::string(kDaemonPath) + " is not installed");
+    if (access(Paths::kDaemonPath, X_OK) != 0)
+        throw std::runtime_error(std::string(Paths::kDaemonPath) + " is not installed");
     JsonRef args = JsonRef::adopt(json_pack("{ss ss si ss ss sb}", "mac", command.mac.c_str(), "ip",
         command.ip.c_str(), "port", command.port, "user", command.user.c_str(), "pass", pass.c_str(),
         "secure", command.secure ? 1 : 0));
     DeviceOption option(args.get());
-    JsonRef reply = withReply(json_object(), [&](json_t*& out) { Session::start(out, option); });
-    return report(reply.get(), command.mac, "signin");
+    Control::LaunchOptions launch;
+    launch.level = command.level;
+    JsonRef reply = withReply(json_object(), [&](json_t*& out) { Control::start(out, option, launch); });
+    int code = report(reply.get(), command.mac, "signin");
+    return code == kExitDone ? code : signinFailure(command.mac);
 }
 
 int runCall(const Command& command)
@@ -147,7 +178,7 @@ int runCall(const Command& command)
     }
     JsonRef args = JsonRef::adopt(json_pack("{ss}", "mac", command.mac.c_str()));
     DeviceOption option(args.get());
-    JsonRef reply = withReply(parsed, [&](json_t*& inout) { Session::call(inout, option, command.method); });
+    JsonRef reply = withReply(parsed, [&](json_t*& inout) { Control::call(inout, option, command.method); });
     return report(reply.get(), command.mac, command.method);
 }
 
@@ -161,35 +192,97 @@ int runHelp(const Command& command)
     char* body = json_dumps(args.get(), JSON_COMPACT);
     zs_io_write(io.get(), body, strlen(body));
     free(body);
-    std::string address = strformat("@%s/orvex-session@%s", kBusDirectory, command.mac.c_str());
-    if (zs_call(address.c_str(), "help", io.get(), 30, -1) != 0)
+    if (zs_call(Paths::busAddress(command.mac).c_str(), "help", io.get(), 30, -1) != 0)
         throw SessionNotFound(command.mac, 0);
     std::fwrite(zs_io_read(io.get(), 0), 1, zs_io_size(io.get()), stdout);
     return kExitDone;
 }
 
-// The process replies to signout before it exits; wait until its lock is free so that a
-// following start for the same device does not find it still running.
-void waitForExit(const std::string& mac)
+// One line per session that ended; survivors on standard error and in the exit code.
+int reportStop(const Control::StopReport& report)
 {
-    UniqueFd lock(open(strformat(kLockFormat, mac.c_str()).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!lock)
-        return;
-    for (int i = 0; i < 500; ++i) {
-        if (flock(lock.get(), LOCK_SH | LOCK_NB) == 0)
-            return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    std::fprintf(stderr, "orvexctl: the session process for %s is still running after signout\n", mac.c_str());
+    for (const Control::Ended& e : report.ended)
+        std::printf("%s pid %d ended (%s)\n", e.mac.empty() ? "-" : e.mac.c_str(), static_cast<int>(e.pid),
+            e.how.c_str());
+    for (const Control::Ended& e : report.survivors)
+        std::fprintf(stderr, "orvexctl: %s pid %d still runs after %s\n", e.mac.empty() ? "-" : e.mac.c_str(),
+            static_cast<int>(e.pid), e.how.c_str());
+    std::fflush(stdout);
+    return report.survivors.empty() ? kExitDone : kExitErrorReply;
 }
 
-int runStop(const Command& command)
+std::chrono::milliseconds grace(const Command& command)
 {
-    JsonRef args = JsonRef::adopt(json_pack("{ss}", "mac", command.mac.c_str()));
-    MacOption option(args.get());
-    JsonRef out = withReply(json_object(), [&](json_t*& value) { Session::stop(value, option); });
-    waitForExit(command.mac);
-    return kExitDone;
+    return std::chrono::seconds(command.graceSeconds);
+}
+
+JsonRef sessionJson(const SessionInfo& s, time_t now)
+{
+    JsonRef o = JsonRef::adopt(json_pack("{ss si ss sb sI}", "mac", s.mac.c_str(), "pid", static_cast<int>(s.pid),
+        "state", stateName(s.state), "stopped", s.stopped, "uptime", static_cast<json_int_t>(s.uptime)));
+    if (s.state == SessionState::Exited || !s.hasStatus)
+        return o;
+    const StatusRecord& r = s.status;
+    json_object_update(o.get(), JsonRef::adopt(json_pack("{ss ss si sb ss ss ss ss sb ss sI}", "family",
+        familyName(r.family), "host", r.host.c_str(), "port", static_cast<int>(r.port), "secure", r.secure, "model",
+        r.model.c_str(), "serial", r.serial.c_str(), "firmware", r.firmware.c_str(), "hostname", r.hostname.c_str(),
+        "signed_in", r.signedIn, "failure", r.failure.c_str(), "idle",
+        static_cast<json_int_t>(r.lastUse > 0 ? now - r.lastUse : -1))).get());
+    return o;
+}
+
+std::string sessionLine(const SessionInfo& s, time_t now)
+{
+    std::string line = strformat("%s pid %d %s", s.mac.c_str(), static_cast<int>(s.pid), stateName(s.state));
+    if (s.state == SessionState::Exited)
+        return line;
+    if (s.stopped)
+        line += " (stopped)";
+    if (s.uptime >= 0)
+        line += strformat(" up %lds", s.uptime);
+    if (!s.hasStatus)
+        return line;
+    const StatusRecord& r = s.status;
+    if (!r.host.empty())
+        line += strformat(" %s %s:%u%s", familyName(r.family), r.host.c_str(), r.port, r.secure ? " https" : "");
+    if (r.signedIn)
+        line += strformat(" model=%s serial=%s firmware=%s hostname=%s", r.model.c_str(), r.serial.c_str(),
+            r.firmware.c_str(), r.hostname.c_str());
+    else
+        line += r.failure.empty() ? " not signed in" : " sign-in failed: " + r.failure;
+    if (r.lastUse > 0)
+        line += strformat(" idle %lds", static_cast<long>(now - r.lastUse));
+    return line;
+}
+
+int printSessions(const std::vector<SessionInfo>& sessions, bool json, bool array)
+{
+    time_t now = time(nullptr);
+    bool allRun = true;
+    JsonRef list = JsonRef::adopt(json_array());
+    std::string text;
+    for (const SessionInfo& s : sessions) {
+        allRun = allRun && s.state != SessionState::Exited;
+        if (json)
+            json_array_append_new(list.get(), sessionJson(s, now).release());
+        else
+            text += sessionLine(s, now) + "\n";
+    }
+    if (json)
+        printJson(array ? list.get() : json_array_get(list.get(), 0));
+    else
+        std::fputs(text.c_str(), stdout);
+    return allRun ? kExitDone : kExitNoSession;
+}
+
+int runStatus(const Command& command)
+{
+    SessionInfo info;
+    if (!findSession(command.mac, info)) {
+        std::fprintf(stderr, "orvexctl: no session was started for MAC %s\n", command.mac.c_str());
+        return kExitNoSession;
+    }
+    return printSessions({info}, command.jsonOutput, false);
 }
 
 int runCommand(const Command& command)
@@ -200,9 +293,15 @@ int runCommand(const Command& command)
     case Action::Call:
         return command.method == "help" ? runHelp(command) : runCall(command);
     case Action::Stop:
-        return runStop(command);
+        return reportStop(Control::stopOne(command.mac, grace(command)));
     case Action::StopAll:
-        Session::stop();
+        return reportStop(Control::stopAll(grace(command)));
+    case Action::List:
+        return printSessions(listSessions(), command.jsonOutput, true);
+    case Action::Status:
+        return runStatus(command);
+    case Action::Version:
+        std::printf("orvexctl %s\n", version());
         return kExitDone;
     case Action::Help:
         break;
@@ -216,6 +315,7 @@ int runMain(int argc, char** argv)
     Command command;
     try {
         command = parseCommandLine(argc, argv);
+        g_style = command.style;
         return runCommand(command);
     } catch (const UsageError& e) {
         std::fprintf(stderr, "orvexctl: %s (orvexctl --help shows the usage)\n", e.what());

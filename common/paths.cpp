@@ -1,0 +1,45 @@
+#include "common/paths.h"
+
+#include <cstdio>
+
+#include <Poco/RegularExpression.h>
+#include <Poco/String.h>
+
+namespace Orvex {
+namespace Paths {
+
+std::string serviceName(const std::string& mac)
+{
+    return std::string(kServicePrefix) + "@" + mac;
+}
+
+std::string busAddress(const std::string& mac)
+{
+    return std::string("@") + kBusDirectory + "/" + serviceName(mac);
+}
+
+std::string lockPath(const std::string& mac)
+{
+    char path[256];
+    std::snprintf(path, sizeof path, kLockFormat, mac.c_str());
+    return path;
+}
+
+std::string statusPath(const std::string& mac)
+{
+    return std::string(kStatusDirectory) + "/" + serviceName(mac) + ".status";
+}
+
+std::string normaliseMac(std::string text)
+{
+    return Poco::toLower(Poco::trim(text));
+}
+
+bool validMac(const std::string& mac)
+{
+    static const Poco::RegularExpression expression(kMacPattern);
+    return expression.match(mac);
+}
+
+}  // namespace Paths
+}  // namespace Orvex

@@ -1,0 +1,10 @@
+#include "common/version.h"
+
+namespace Orvex {
+
+const char* version()
+{
+    return ORVEX_VERSION;
+}
+
+}  // namespace Orvex

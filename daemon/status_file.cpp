@@ -1,0 +1,117 @@
+#include "daemon/status_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <jansson.h>
+
+#include "common/paths.h"
+#include "common/raii.h"
+
+namespace Orvex {
+
+namespace {
+
+bool ownFolder(const char* folder)
+{
+    if (::mkdir(folder, 0755) != 0 && errno != EEXIST)
+        return false;
+    struct stat st{};
+    if (::lstat(folder, &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::geteuid()) {
+        errno = EPERM;
+        return false;
+    }
+    return true;
+}
+
+JsonRef toJson(const StatusRecord& r)
+{
+    return JsonRef::adopt(json_pack("{ss si sI ss sI sI si ss si sb ss ss ss ss sb ss sI}", "mac", r.mac.c_str(), "pid",
+        static_cast<int>(r.pid), "started", static_cast<json_int_t>(r.started), "binary", r.binary.c_str(),
+        "binary_inode", static_cast<json_int_t>(r.binaryInode), "binary_mtime", static_cast<json_int_t>(r.binaryMtime),
+        "family", r.family, "host", r.host.c_str(), "port", static_cast<int>(r.port), "secure", r.secure, "model",
+        r.model.c_str(), "serial", r.serial.c_str(), "firmware", r.firmware.c_str(), "hostname", r.hostname.c_str(),
+        "signed_in", r.signedIn, "failure", r.failure.c_str(), "last_use", static_cast<json_int_t>(r.lastUse)));
+}
+
+std::string text(json_t* object, const char* key)
+{
+    const char* value = json_string_value(json_object_get(object, key));
+    return value ? value : "";
+}
+
+json_int_t number(json_t* object, const char* key)
+{
+    return json_integer_value(json_object_get(object, key));
+}
+
+}  // namespace
+
+const char* familyName(int family)
+{
+    return family == 1 ? "token" : family == 2 ? "legacy" : "none";
+}
+
+bool writeStatus(const StatusRecord& record)
+{
+    if (!ownFolder(Paths::kStatusDirectory))
+        return false;
+    std::string path = Paths::statusPath(record.mac);
+    std::string temporary = path + ".XXXXXX";
+    // mkstemp creates with O_EXCL, so a planted name is never followed.
+    UniqueFd fd(::mkostemp(&temporary[0], O_CLOEXEC));
+    if (!fd)
+        return false;
+    JsonRef json = toJson(record);
+    bool ok = json && ::fchmod(fd.get(), 0644) == 0 && json_dumpfd(json.get(), fd.get(), JSON_COMPACT) == 0 &&
+              ::write(fd.get(), "\n", 1) == 1;
+    fd.reset();
+    if (ok && ::rename(temporary.c_str(), path.c_str()) == 0)
+        return true;
+    int saved = errno;
+    ::unlink(temporary.c_str());
+    errno = saved;
+    return false;
+}
+
+bool readStatus(const std::string& mac, StatusRecord& r)
+{
+    UniqueFd fd(::open(Paths::statusPath(mac).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st{};
+    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > 65536)
+        return false;
+    JsonRef json = JsonRef::adopt(json_loadfd(fd.get(), 0, nullptr));
+    json_t* o = json.get();
+    if (!json_is_object(o) || text(o, "mac") != mac)
+        return false;
+    r.mac = mac;
+    r.pid = static_cast<pid_t>(number(o, "pid"));
+    r.started = static_cast<time_t>(number(o, "started"));
+    r.binary = text(o, "binary");
+    r.binaryInode = static_cast<unsigned long>(number(o, "binary_inode"));
+    r.binaryMtime = static_cast<time_t>(number(o, "binary_mtime"));
+    r.family = static_cast<int>(number(o, "family"));
+    r.host = text(o, "host");
+    r.port = static_cast<unsigned>(number(o, "port"));
+    r.secure = json_is_true(json_object_get(o, "secure"));
+    r.model = text(o, "model");
+    r.serial = text(o, "serial");
+    r.firmware = text(o, "firmware");
+    r.hostname = text(o, "hostname");
+    r.signedIn = json_is_true(json_object_get(o, "signed_in"));
+    r.failure = text(o, "failure");
+    r.lastUse = static_cast<time_t>(number(o, "last_use"));
+    return true;
+}
+
+void removeStatus(const std::string& mac)
+{
+    ::unlink(Paths::statusPath(mac).c_str());
+}
+
+}  // namespace Orvex

@@ -1,0 +1,12 @@
+# The daemon process and the front end on a fleet of sessions: lock, log and status
+# files, notifications, list/status/stop (real binaries, tests/isolate.sh).
+if(TARGET orvex-session AND TARGET orvexctl AND TARGET orvex-devsim)
+  orvex_add_gtest(e2e_daemon
+    SOURCES
+      ${CMAKE_CURRENT_LIST_DIR}/lifecycle_test.cpp
+      ${CMAKE_CURRENT_LIST_DIR}/fleet_test.cpp
+    LIBS orvex_test_support
+    ISOLATED
+    LABELS tsan)
+  add_dependencies(e2e_daemon orvex-session orvexctl orvex-devsim)
+endif()

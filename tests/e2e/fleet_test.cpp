@@ -1,0 +1,233 @@
+// orvexctl on a fleet of session processes: sign-in failures with their causes and exit
+// codes, list/status from the lock and status files, stop that escalates, and the
+// password kept out of the process list and the daemon's environment.
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "common/misc.h"
+#include "common/paths.h"
+#include "tests/support/daemon.h"
+
+namespace Orvex::Test {
+namespace {
+
+// A port on 127.0.0.1 that nobody listens on.
+int closedPort()
+{
+    UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0)
+        return 0;
+    return ntohs(address.sin_port);
+}
+
+std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> out;
+    size_t start = 0;
+    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
+        out.push_back(text.substr(start, end - start));
+    return out;
+}
+
+bool contains(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+class Fleet : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ORVEX_REQUIRE_ISOLATION();
+        installDaemon();
+        // Each test sees only its own sessions, also when several run in one namespace.
+        killSessions();
+        for (const std::string& folder : {std::string(Paths::kStatusDirectory), folderOf(lockPath("x"))}) {
+            std::error_code absent;
+            for (const auto& entry : std::filesystem::directory_iterator(folder, absent))
+                if (entry.path().filename().string().rfind(Paths::kServicePrefix, 0) == 0)
+                    std::filesystem::remove(entry.path());
+        }
+    }
+    static std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+    void TearDown() override { killSessions(); }
+
+    // The front end launches the daemon from the (private) /usr/local/sbin; a new file
+    // renamed over the old one, as a package upgrade does.
+    static void installDaemon()
+    {
+        std::string next = std::string(Paths::kDaemonPath) + ".new";
+        std::filesystem::copy_file(daemonBinary(), next, std::filesystem::copy_options::overwrite_existing);
+        chmod(next.c_str(), 0755);
+        std::filesystem::rename(next, Paths::kDaemonPath);
+    }
+
+    static RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {})
+    {
+        std::vector<std::string> argv = {ctlBinary()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return run(argv, env);
+    }
+
+    static RunResult start(const std::string& mac, int port, const std::string& pass, bool secure,
+        const std::vector<std::string>& extra = {})
+    {
+        std::vector<std::string> args = {"start", mac, "--ip", "127.0.0.1", "--port", std::to_string(port), "--user",
+            "admin", "--pass-env", "DEVICE_PASS"};
+        if (secure)
+            args.push_back("--secure");
+        args.insert(args.end(), extra.begin(), extra.end());
+        return ctl(args, {"DEVICE_PASS=" + pass, "ORVEX_PASS=" + pass});
+    }
+};
+
+TEST_F(Fleet, SigninFailuresNameTheirCauseInTheLogAndTheExitCode)
+{
+    Devsim plain("legacy", false);
+    struct Case {
+        std::string mac;
+        int port;
+        std::string pass;
+        bool secure;
+        int status;
+        std::string cause;
+        std::string logged;
+    } cases[] = {
+        {"02:00:00:00:01:01", closedPort(), "secret", false, 4, "refused", "connection refused"},
+        {"02:00:00:00:01:02", plain.port(), "secret", true, 4, "tls-mismatch", "TLS where plain HTTP was expected"},
+        {"02:00:00:00:01:03", plain.port(), "wrong", false, 5, "credentials", "credentials rejected"},
+    };
+    for (const Case& c : cases) {
+        RunResult started = start(c.mac, c.port, c.pass, c.secure);
+        EXPECT_EQ(started.status, c.status) << c.cause << ": " << started.err;
+        EXPECT_TRUE(contains(started.err, "failed: " + c.cause)) << started.err;
+        bool logged = false;
+        for (const std::string& line : lines(readFile(Paths::kLogPath)))
+            logged = logged || (contains(line, "[" + c.mac + " ") && contains(line, c.logged));
+        EXPECT_TRUE(logged) << "no log line names " << c.mac << " and " << c.cause;
+    }
+}
+
+TEST_F(Fleet, ListAndStatusShowRunningDeadAndHungSessionsWithoutCallingThem)
+{
+    SignedIn running("legacy", false, "02:00:00:00:02:01");
+    SignedIn dead("token", false, "02:00:00:00:02:02");
+    SignedIn hung("token", true, "02:00:00:00:02:03");
+    dead.daemon.process().signal(SIGKILL);
+    dead.daemon.process().wait();
+    hung.daemon.process().signal(SIGSTOP);
+
+    auto begin = std::chrono::steady_clock::now();
+    RunResult list = ctl({"list"});
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s) << "list must not wait for a hung session";
+    hung.daemon.process().signal(SIGCONT);
+    EXPECT_EQ(list.status, 3) << list.err;
+    std::vector<std::string> rows = lines(list.out);
+    ASSERT_EQ(rows.size(), 3u) << list.out;
+    EXPECT_EQ(rows[0].rfind("02:00:00:00:02:01 pid " + std::to_string(running.daemon.process().pid()) + " running up ", 0),
+        0u) << rows[0];
+    EXPECT_TRUE(contains(rows[0], "legacy 127.0.0.1:" + std::to_string(running.device.port()))) << rows[0];
+    EXPECT_TRUE(contains(rows[0], "model=") && contains(rows[0], " idle ")) << rows[0];
+    EXPECT_EQ(rows[1], "02:00:00:00:02:02 pid " + std::to_string(dead.daemon.process().pid()) + " exited");
+    EXPECT_TRUE(contains(rows[2], " running (stopped) ") && contains(rows[2], "token") && contains(rows[2], " https"))
+        << rows[2];
+
+    RunResult status = ctl({"status", "02:00:00:00:02:01", "--json"});
+    EXPECT_EQ(status.status, 0) << status.err;
+    JsonRef json = parseJson(status.out);
+    EXPECT_STREQ(json_string_value(json_object_get(json.get(), "state")), "running") << status.out;
+    EXPECT_STREQ(json_string_value(json_object_get(json.get(), "family")), "legacy");
+    EXPECT_EQ(json_integer_value(json_object_get(json.get(), "port")), running.device.port());
+    EXPECT_STREQ(json_string_value(json_object_get(json.get(), "model")),
+        json_string_value(json_object_get(running.signin.get(), "model")));
+    EXPECT_GE(json_integer_value(json_object_get(json.get(), "idle")), 0);
+    EXPECT_EQ(ctl({"status", "02:00:00:00:02:02"}).status, 3);
+    EXPECT_EQ(ctl({"status", "02:00:00:00:02:09"}).status, 3);
+    JsonRef listed = parseJson(ctl({"list", "--json=pretty"}).out);
+    EXPECT_EQ(json_array_size(listed.get()), 3u);
+}
+
+TEST_F(Fleet, StopAllEndsHungAndUpgradedSessionsWithoutLsofInSbin)
+{
+    std::filesystem::remove("/usr/sbin/lsof");
+    Daemon hung("02:00:00:00:03:01");
+    Daemon upgraded("02:00:00:00:03:02", {}, Paths::kDaemonPath);
+    ASSERT_TRUE(hung.ready() && upgraded.ready());
+    installDaemon();
+    EXPECT_TRUE(contains(ctl({"status", "02:00:00:00:03:02"}).out, " stale binary")) << "binary was replaced";
+    hung.process().signal(SIGSTOP);
+
+    RunResult stopped = ctl({"stop", "--all", "--grace", "1"});
+    EXPECT_EQ(stopped.status, 0) << stopped.err;
+    EXPECT_TRUE(contains(stopped.out, "02:00:00:00:03:01 pid " + std::to_string(hung.process().pid()) + " ended"))
+        << stopped.out;
+    EXPECT_TRUE(contains(stopped.out, "02:00:00:00:03:02 pid " + std::to_string(upgraded.process().pid()) + " ended"))
+        << stopped.out;
+    EXPECT_EQ(hung.process().wait(2s), 0) << "SIGTERM with SIGCONT ends a stopped process in order";
+    EXPECT_EQ(upgraded.process().wait(2s), 0);
+    EXPECT_EQ(lines(ctl({"list"}).out).size(), 2u);
+}
+
+TEST_F(Fleet, StopOfAHungSessionEscalatesToSignals)
+{
+    Daemon daemon("02:00:00:00:04:01");
+    ASSERT_TRUE(daemon.ready());
+    daemon.process().signal(SIGSTOP);
+    RunResult stopped = ctl({"stop", "02:00:00:00:04:01", "--grace", "1"});
+    EXPECT_EQ(stopped.status, 0) << stopped.err;
+    EXPECT_EQ(stopped.out, "02:00:00:00:04:01 pid " + std::to_string(daemon.process().pid()) + " ended (SIGTERM)\n");
+    EXPECT_EQ(daemon.process().wait(2s), 0) << "SIGTERM with SIGCONT ends it in order";
+}
+
+TEST_F(Fleet, StartKeepsThePasswordOutOfTheProcessListAndTheDaemon)
+{
+    RunResult literal = ctl({"start", "02:00:00:00:05:01", "--ip", "h", "--port", "1", "--user", "u", "--pass", "p"});
+    EXPECT_EQ(literal.status, 2);
+    EXPECT_TRUE(contains(literal.err, "process list")) << literal.err;
+
+    Devsim device("legacy", false, {"--pass", "s3cr3t-word"});
+    RunResult started = start("02:00:00:00:05:01", device.port(), "s3cr3t-word", false, {"--level", "7"});
+    ASSERT_EQ(started.status, 0) << started.err;
+    pid_t pid = lockHolder("02:00:00:00:05:01");
+    ASSERT_GT(pid, 0);
+    std::string environment = readFile("/proc/" + std::to_string(pid) + "/environ");
+    EXPECT_FALSE(contains(environment, "s3cr3t-word")) << "the daemon inherited the password";
+    EXPECT_TRUE(contains(readFile("/proc/" + std::to_string(pid) + "/cmdline"), std::string("-l\0007\0", 5)));
+    std::string daemonVersion = run({daemonBinary(), "--version"}).out;
+    EXPECT_EQ(ctl({"--version"}).out, "orvexctl " + daemonVersion.substr(daemonVersion.find(' ') + 1));
+}
+
+TEST_F(Fleet, ListsAThousandSessionsQuickly)
+{
+    std::filesystem::create_directories(Paths::kStatusDirectory);
+    for (int i = 0; i < 1000; ++i) {
+        std::string mac = strformat("02:00:00:00:%02x:%02x", i / 256, i % 256);
+        std::ofstream(lockPath(mac)) << 4000000 + i;
+        std::ofstream(Paths::statusPath(mac)) << strformat(
+            R"({"mac":"%s","pid":%d,"started":1,"binary":"/usr/local/sbin/orvex-session","family":2,)"
+            R"("host":"192.0.2.1","port":443,"secure":true,"model":"m","serial":"s","last_use":1})",
+            mac.c_str(), 4000000 + i);
+    }
+    auto begin = std::chrono::steady_clock::now();
+    RunResult list = ctl({"list"});
+    auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
+    RecordProperty("list_1000_ms", static_cast<int>(took.count()));
+    std::printf("orvexctl list of 1000 sessions: %lld ms\n", static_cast<long long>(took.count()));
+    EXPECT_EQ(list.status, 3);
+    EXPECT_EQ(lines(list.out).size(), 1000u);
+    EXPECT_LT(took, 5s);
+}
+
+}  // namespace
+}  // namespace Orvex::Test

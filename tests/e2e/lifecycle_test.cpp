@@ -1,0 +1,300 @@
+// The daemon process on its own: lock and log files that an attacker prepared, the
+// modes of what it creates, the log shared with other sessions across rotations,
+// --help/--version, and the notifications to a service manager.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+
+#include "common/paths.h"
+#include "tests/support/daemon.h"
+
+namespace Orvex::Test {
+namespace {
+
+const std::string kMac = "00:11:22:33:44:55";
+constexpr uid_t kNobody = 65534;
+
+RunResult runDaemon(const std::vector<std::string>& args)
+{
+    std::vector<std::string> argv = {daemonBinary()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run(argv, {}, "", 10s);
+}
+
+unsigned modeOf(const std::string& path)
+{
+    struct stat st{};
+    return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+// A process of uid nobody that holds a shared flock on path until killed.
+pid_t holdLockAsNobody(const std::string& path)
+{
+    int ready[2];
+    if (pipe(ready) != 0)
+        return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        int fd = open(path.c_str(), O_RDONLY);
+        if (setgid(kNobody) != 0 || setuid(kNobody) != 0 || fd < 0 || flock(fd, LOCK_SH) != 0)
+            _exit(1);
+        (void)!write(ready[1], "x", 1);
+        pause();
+        _exit(0);
+    }
+    char c;
+    close(ready[1]);
+    bool held = read(ready[0], &c, 1) == 1;
+    close(ready[0]);
+    return held ? pid : -1;
+}
+
+void endProcess(pid_t pid)
+{
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+class DaemonFiles : public ::testing::Test {
+protected:
+    void SetUp() override { ORVEX_REQUIRE_ISOLATION(); }
+    void TearDown() override { killSessions(); }
+};
+
+TEST_F(DaemonFiles, LockFileRefusesLinksFifosAndFilesOfOtherUsers)
+{
+    const std::string lock = lockPath(kMac);
+    TempDir dir;
+    const std::string victim = dir.file("victim");
+    std::ofstream(victim) << "precious";
+
+    ASSERT_EQ(symlink(victim.c_str(), lock.c_str()), 0);
+    RunResult linked = runDaemon({"-d", "-m", kMac});
+    EXPECT_EQ(linked.status, 1);
+    EXPECT_EQ(linked.err, "orvex-session lock file " + lock + " is a symbolic link, refused.\n");
+    EXPECT_EQ(readFile(victim), "precious");
+    unlink(lock.c_str());
+
+    ASSERT_EQ(mkfifo(lock.c_str(), 0644), 0);
+    RunResult fifo = runDaemon({"-d", "-m", kMac});
+    EXPECT_EQ(fifo.status, 1) << "a FIFO must not stall the start";
+    EXPECT_EQ(fifo.err, "orvex-session lock file " + lock + " is not a regular file, refused.\n");
+    unlink(lock.c_str());
+
+    std::ofstream(lock) << "1";
+    ASSERT_EQ(chown(lock.c_str(), kNobody, kNobody), 0);
+    RunResult foreign = runDaemon({"-d", "-m", kMac});
+    EXPECT_EQ(foreign.status, 1);
+    EXPECT_EQ(foreign.err, "orvex-session lock file " + lock + " belongs to uid 65534, refused.\n");
+    ASSERT_EQ(chown(lock.c_str(), 0, 0), 0);
+
+    chmod(lock.c_str(), 0644);
+    pid_t holder = holdLockAsNobody(lock);
+    ASSERT_GT(holder, 0);
+    RunResult held = runDaemon({"-d", "-m", kMac});
+    endProcess(holder);
+    EXPECT_EQ(held.status, 1);
+    EXPECT_EQ(held.err, "orvex-session lock file " + lock + " is held by pid " + std::to_string(holder) +
+                            " of uid 65534, refused.\n");
+
+    // With the traps gone the daemon starts, and a second one names the first.
+    Daemon daemon(kMac);
+    ASSERT_TRUE(daemon.ready()) << daemon.log();
+    EXPECT_EQ(readFile(lock), std::to_string(daemon.process().pid()));
+    RunResult second = runDaemon({"-d", "-m", kMac});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(second.err, "orvex-session daemon is running (" + std::to_string(daemon.process().pid()) + ").\n");
+}
+
+TEST_F(DaemonFiles, DetachedDaemonCreatesNothingWritableByOthersAndNeverLogsThroughALink)
+{
+    const std::string folder = std::filesystem::path(Paths::kLogPath).parent_path();
+    std::filesystem::remove_all(folder);
+    std::filesystem::remove_all(Paths::kStatusDirectory);
+    ASSERT_EQ(runDaemon({"-m", kMac}).status, 0);
+    ASSERT_TRUE(waitFor([] { return answers(kMac); }));
+    EXPECT_EQ(modeOf(folder), 0755u);
+    EXPECT_EQ(modeOf(Paths::kLogPath), 0640u);
+    EXPECT_EQ(modeOf(lockPath(kMac)), 0644u);
+    EXPECT_EQ(modeOf(Paths::kStatusDirectory), 0755u);
+    EXPECT_EQ(modeOf(Paths::statusPath(kMac)), 0644u);
+    EXPECT_NE(readFile(Paths::kLogPath).find("[" + kMac + " " + std::to_string(lockHolder(kMac)) + "]"),
+        std::string::npos) << "every line names the MAC and pid";
+    kill(lockHolder(kMac), SIGTERM);
+    ASSERT_TRUE(waitFor([] { return lockHolder(kMac) == 0; }));
+
+    TempDir dir;
+    const std::string victim = dir.file("victim");
+    std::ofstream(victim) << "precious";
+    std::filesystem::remove(Paths::kLogPath);
+    ASSERT_EQ(symlink(victim.c_str(), Paths::kLogPath), 0);
+    ASSERT_EQ(runDaemon({"-m", kMac}).status, 0);
+    EXPECT_FALSE(waitFor([] { return answers(kMac); }, 2s)) << "the daemon must not run with a planted log link";
+    EXPECT_EQ(readFile(victim), "precious");
+    std::filesystem::remove(Paths::kLogPath);
+}
+
+// Lines of one log file by pid, in file order: (time stamp, text).
+using Lines = std::map<std::string, std::vector<std::string>>;
+
+void collect(const std::string& path, const std::map<std::string, std::string>& tags, Lines& lines)
+{
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line))
+        for (const auto& [pid, tag] : tags)
+            if (line.find(tag) != std::string::npos)
+                lines[pid].push_back(line.substr(0, 23));  // "YYYY-MM-DD HH:MM:SS,mmm"
+}
+
+size_t linesOf(const std::string& pid, const std::map<std::string, std::string>& tags)
+{
+    Lines lines;
+    for (const char* suffix : {".1", ".0", ""})
+        collect(std::string(Paths::kLogPath) + suffix, tags, lines);
+    return lines[pid].size();
+}
+
+std::string localNow()
+{
+    auto now = std::chrono::system_clock::now();
+    time_t seconds = std::chrono::system_clock::to_time_t(now);
+    long ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    tm local{};
+    localtime_r(&seconds, &local);
+    char text[32], stamp[40];
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(stamp, sizeof stamp, "%s,%03ld", text, ms);
+    return stamp;
+}
+
+TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFiles)
+{
+    const std::vector<std::string> macs = {"02:00:00:00:00:01", "02:00:00:00:00:02"};
+    std::map<std::string, std::string> tags;
+    for (const std::string& mac : macs) {
+        ASSERT_EQ(runDaemon({"-m", mac, "-l", "8"}).status, 0);
+        ASSERT_TRUE(waitFor([&] { return answers(mac); }));
+        std::string pid = std::to_string(lockHolder(mac));
+        tags[pid] = "[" + mac + " " + pid + "]";
+    }
+    // Lines one unknown-method call writes at trace level, measured per daemon.
+    std::map<std::string, size_t> perCall;
+    for (size_t i = 0; i < macs.size(); ++i) {
+        std::string pid = std::to_string(lockHolder(macs[i]));
+        // After a few calls, so that no line of start-up or of the readiness probes counts.
+        for (int warm = 0; warm < 3; ++warm)
+            sessionCall(macs[i], "ping");
+        size_t before = linesOf(pid, tags);
+        for (int call = 0; call < 5; ++call)
+            sessionCall(macs[i], "ping");
+        perCall[pid] = (linesOf(pid, tags) - before) / 5;
+        ASSERT_GT(perCall[pid], 0u);
+    }
+    // At each rotation from the second on, the lines written since the one before must
+    // all be in the newest archive or the current file: nobody wrote into an older one.
+    struct stat archive{};
+    auto archiveInode = [&] { return stat((std::string(Paths::kLogPath) + ".0").c_str(), &archive) == 0 ? archive.st_ino : 0; };
+    auto checkNewest = [&](const std::string& since, std::map<std::string, size_t>& calls) {
+        Lines newest;
+        collect(std::string(Paths::kLogPath) + ".0", tags, newest);
+        collect(Paths::kLogPath, tags, newest);
+        for (const auto& [pid, stamps] : newest) {
+            EXPECT_TRUE(std::is_sorted(stamps.begin(), stamps.end())) << "lines of pid " << pid << " out of order";
+            size_t after = std::count_if(stamps.begin(), stamps.end(), [&](const std::string& s) { return s >= since; });
+            EXPECT_GE(after, calls[pid] * perCall[pid]) << "pid " << pid << " lost lines since " << since;
+        }
+        EXPECT_EQ(newest.size(), 2u);
+    };
+    std::string since;
+    std::map<std::string, size_t> calls;
+    int rotations = 0;
+    for (ino_t seen = archiveInode(); rotations < 4;) {
+        for (const std::string& mac : macs) {
+            ASSERT_EQ(sessionCall(mac, "ping").rc, 0);
+            ++calls[std::to_string(lockHolder(mac))];
+        }
+        if (archiveInode() == seen)
+            continue;
+        seen = archiveInode();
+        ++rotations;
+        if (!since.empty())
+            checkNewest(since, calls);
+        since = localNow();
+        calls.clear();
+    }
+}
+
+TEST(Daemon, AnswersHelpAndVersionAndStillRefusesABadMac)
+{
+    RunResult help = runDaemon({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind("usage: orvex-session -m|--mac MAC", 0), 0u) << help.out;
+    RunResult version = runDaemon({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_TRUE(std::regex_match(version.out, std::regex("orvex-session [0-9]+\\.[0-9]+\\.[0-9]+\n"))) << version.out;
+    RunResult bad = runDaemon({"-m", "00-11-22-33-44-55"});
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_EQ(bad.err, "invalid mac address\n");
+}
+
+// A stand-in for the service manager's notification socket.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& path) : path_(path)
+    {
+        fd_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+        bound_ = bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    bool bound() const { return bound_; }
+    // The next datagram, "" after the time-out.
+    std::string next(int timeoutMs = 10000)
+    {
+        pollfd p{fd_.get(), POLLIN, 0};
+        char buffer[4096];
+        if (poll(&p, 1, timeoutMs) != 1)
+            return "";
+        ssize_t n = recv(fd_.get(), buffer, sizeof buffer, 0);
+        return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
+    }
+
+private:
+    std::string path_;
+    UniqueFd fd_;
+    bool bound_ = false;
+};
+
+TEST_F(DaemonFiles, NotifiesReadyOnlyWhenServingThenSessionStatusAndStopping)
+{
+    TempDir dir;
+    NotifySocket manager(dir.file("notify"));
+    ASSERT_TRUE(manager.bound());
+    Devsim device("legacy", false);
+    Child daemon(Spawn{{daemonBinary(), "-d", "-m", kMac}, {"NOTIFY_SOCKET=" + dir.file("notify")}, "", "", false});
+    ASSERT_EQ(manager.next(), "READY=1");
+    EXPECT_TRUE(answers(kMac)) << "READY=1 before the bus answers";
+    ASSERT_EQ(sessionCall(kMac, "signin", device.signinArgs()).rc, 0);
+    EXPECT_EQ(manager.next().rfind("STATUS=signed in to legacy device 127.0.0.1:", 0), 0u);
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(manager.next(), "STOPPING=1");
+    EXPECT_EQ(manager.next().rfind("STATUS=", 0), 0u) << "the shutdown's sign-out";
+    EXPECT_EQ(daemon.wait(), 0);
+}
+
+}  // namespace
+}  // namespace Orvex::Test

@@ -1,0 +1,127 @@
+#include "tests/support/daemon.h"
+
+#include "common/paths.h"
+
+#include <fcntl.h>
+#include <glob.h>
+#include <signal.h>
+#include <sys/file.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+namespace Orvex::Test {
+
+namespace {
+
+std::string built(const char* path, const char* what)
+{
+    if (!*path)
+        throw std::runtime_error(std::string(what) + " is not built in this configuration");
+    return path;
+}
+
+}  // namespace
+
+#ifndef ORVEX_DAEMON
+#define ORVEX_DAEMON ""
+#endif
+#ifndef ORVEX_CTL
+#define ORVEX_CTL ""
+#endif
+#ifndef ORVEX_ZSCALL
+#define ORVEX_ZSCALL ""
+#endif
+
+std::string daemonBinary() { return built(ORVEX_DAEMON, "orvex-session"); }
+std::string ctlBinary() { return built(ORVEX_CTL, "orvexctl"); }
+std::string zsCallBinary() { return built(ORVEX_ZSCALL, "zs-call"); }
+
+std::string busAddress(const std::string& mac)
+{
+    return Paths::busAddress(mac);
+}
+
+std::string lockPath(const std::string& mac)
+{
+    return Paths::lockPath(mac);
+}
+
+BusReply sessionCall(const std::string& mac, const std::string& method, const std::string& body, int fd,
+    int timeoutSeconds)
+{
+    return busCall(busAddress(mac), method, body, fd, timeoutSeconds);
+}
+
+Daemon::Daemon(const std::string& mac, const std::vector<std::string>& extra, const std::string& binary)
+    : mac_(mac)
+{
+    Spawn spawn{{binary, "-d", "-m", mac}, {}, dir_.file("stdout"), dir_.file("stderr"), false};
+    spawn.argv.insert(spawn.argv.end(), extra.begin(), extra.end());
+    child_ = std::make_unique<Child>(spawn);
+}
+
+bool Daemon::ready(std::chrono::milliseconds timeout)
+{
+    return waitFor([this] { return answers(mac_) || !child_->running(); }, timeout) && child_->running();
+}
+
+bool answers(const std::string& mac)
+{
+    // An unknown method is answered by the bus thread itself, without touching the device.
+    return sessionCall(mac, "ready-probe", "{}", -1, 5).rc == 0;
+}
+
+pid_t lockHolder(const std::string& mac)
+{
+    UniqueFd fd(open(lockPath(mac).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd || flock(fd.get(), LOCK_SH | LOCK_NB) == 0)
+        return 0;
+    return static_cast<pid_t>(std::atol(readFile(lockPath(mac)).c_str()));
+}
+
+void killSessions()
+{
+    if (!isolated())
+        return;
+    const std::string pattern = lockPath("*");
+    const size_t star = pattern.find('*');
+    glob_t found{};
+    glob(pattern.c_str(), 0, nullptr, &found);
+    for (size_t i = 0; i < found.gl_pathc; ++i) {
+        std::string path = found.gl_pathv[i];
+        std::string mac = path.substr(star, path.size() - pattern.size() + 1);
+        if (pid_t pid = lockHolder(mac))
+            kill(pid, SIGKILL);
+        waitFor([&] { return lockHolder(mac) == 0; }, 5s);
+    }
+    globfree(&found);
+}
+
+
+SignedIn::SignedIn(const std::string& family, bool tls, const std::string& mac,
+    const std::vector<std::string>& devsimExtra)
+    : device(family, tls, devsimExtra), daemon(mac)
+{
+    if (!daemon.ready())
+        throw std::runtime_error("orvex-session did not come up: " + daemon.log());
+    BusReply reply = daemon.call("signin", device.signinArgs());
+    if (reply.rc != 0)
+        throw std::runtime_error("signin call failed: " + std::string(strerror(reply.error)));
+    signin = reply.json();
+}
+
+namespace {
+
+// Session processes that detached from a test must not outlive it.
+class SessionReaper : public ::testing::Environment {
+public:
+    void TearDown() override { killSessions(); }
+};
+
+const auto* const reaper = ::testing::AddGlobalTestEnvironment(new SessionReaper);
+
+}  // namespace
+
+}  // namespace Orvex::Test

@@ -1,0 +1,78 @@
+// The per-device daemon (orvex-session -d) as a child process, and calls to it over the
+// bus. Tests that start daemons must run under tests/isolate.sh (private lock, log, run
+// and sbin folders, private network namespace); ORVEX_REQUIRE_ISOLATION() skips elsewhere.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/paths.h"
+#include "tests/support/bus.h"
+#include "tests/support/devsim.h"
+#include "tests/support/process.h"
+
+namespace Orvex::Test {
+
+// The programs under test, as built.
+std::string daemonBinary();
+std::string ctlBinary();
+std::string zsCallBinary();
+
+#define ORVEX_REQUIRE_ISOLATION()                                                   \
+    do {                                                                          \
+        if (!::Orvex::Test::isolated())                                           \
+            GTEST_SKIP() << "starts daemons: runs only under tests/isolate.sh";   \
+    } while (0)
+
+std::string busAddress(const std::string& mac);
+std::string lockPath(const std::string& mac);
+// busCall to the session of this device.
+BusReply sessionCall(const std::string& mac, const std::string& method, const std::string& body = "{}",
+    int fd = -1, int timeoutSeconds = 30);
+
+// orvex-session -d -m MAC [extra] as a child, its console output in files. ready() waits
+// until the bus answers (an unknown method gets its 404 at once) or the process has ended.
+class Daemon {
+public:
+    explicit Daemon(const std::string& mac, const std::vector<std::string>& extra = {},
+        const std::string& binary = daemonBinary());
+    bool ready(std::chrono::milliseconds timeout = 10s);
+    Child& process() { return *child_; }
+    std::string log() const { return readFile(dir_.file("stderr")); }
+    std::string output() const { return readFile(dir_.file("stdout")); }
+    const std::string& mac() const { return mac_; }
+    BusReply call(const std::string& method, const std::string& body = "{}") const
+    {
+        return sessionCall(mac_, method, body);
+    }
+
+private:
+    TempDir dir_;
+    std::string mac_;
+    std::unique_ptr<Child> child_;
+};
+
+// True once something answers on the device's bus address.
+bool answers(const std::string& mac);
+// Pid in the device's lock file while a process holds the lock, else 0.
+pid_t lockHolder(const std::string& mac);
+// Kills every session process of this namespace (found through the lock files). Also runs
+// after the last test of every program that links this file.
+void killSessions();
+
+// A daemon signed in to a fresh simulator of the given kind; throws when either fails.
+struct SignedIn {
+    SignedIn(const std::string& family, bool tls, const std::string& mac = "00:11:22:33:44:55",
+        const std::vector<std::string>& devsimExtra = {});
+    Devsim device;
+    Daemon daemon;
+    JsonRef signin;  // the reply to signin
+};
+
+}  // namespace Orvex::Test

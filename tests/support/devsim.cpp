@@ -1,0 +1,139 @@
+#include "tests/support/devsim.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <stdexcept>
+
+namespace Orvex::Test {
+
+namespace {
+
+std::string text(json_t* record, const char* key)
+{
+    json_t* value = json_object_get(record, key);
+    return json_is_string(value) ? std::string(json_string_value(value), json_string_length(value)) : "";
+}
+
+}  // namespace
+
+std::string Logged::header(const char* name) const
+{
+    return text(headers.get(), name);
+}
+
+Devsim::Devsim(const std::string& family, bool tls, const std::vector<std::string>& extra) : tls_(tls)
+{
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0)
+        throw std::runtime_error("orvex-devsim: no pipe for the ready line");
+    UniqueFd readEnd(out[0]), writeEnd(out[1]);
+    Spawn spawn;
+    spawn.argv = {ORVEX_DEVSIM, "--family", family, "--host", "127.0.0.1", "--port", "0", "--log",
+                  dir_.file("requests"), "--stdin-watch"};
+    if (tls)
+        spawn.argv.push_back("--tls");
+    spawn.argv.insert(spawn.argv.end(), extra.begin(), extra.end());
+    spawn.stdinPipe = true;
+    spawn.stdoutFd = writeEnd.get();
+    child_ = std::make_unique<Child>(spawn);
+    writeEnd.reset();
+    readReadyLine(readEnd.get());
+}
+
+Devsim::~Devsim()
+{
+    stop();
+}
+
+// "orvex-devsim listening on <scheme>://127.0.0.1:<port>"
+void Devsim::readReadyLine(int fd)
+{
+    char c;
+    while (ready_.find('\n') == std::string::npos) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 20000) <= 0 || read(fd, &c, 1) != 1) {
+            stop();
+            throw std::runtime_error("orvex-devsim gave no ready line: " + ready_);
+        }
+        ready_ += c;
+    }
+    std::string prefix = std::string("orvex-devsim listening on ") + (tls_ ? "https" : "http") + "://127.0.0.1:";
+    if (ready_.compare(0, prefix.size(), prefix) != 0) {
+        stop();
+        throw std::runtime_error("orvex-devsim: unexpected ready line: " + ready_);
+    }
+    port_ = std::atoi(ready_.c_str() + prefix.size());
+}
+
+void Devsim::freeze()
+{
+    child_->signal(SIGSTOP);
+    frozen_ = true;
+}
+
+void Devsim::thaw()
+{
+    if (frozen_)
+        child_->signal(SIGCONT);
+    frozen_ = false;
+}
+
+int Devsim::stop()
+{
+    if (status_ != -1 || !child_)
+        return status_;
+    thaw();
+    child_->closeStdin();
+    status_ = child_->wait(5s);
+    if (status_ == -1) {
+        child_->signal(SIGKILL);
+        status_ = child_->wait(5s);
+    }
+    return status_;
+}
+
+std::vector<Logged> Devsim::requests() const
+{
+    std::vector<Logged> out;
+    std::ifstream in(dir_.file("requests"));
+    std::string line;
+    while (std::getline(in, line)) {
+        JsonRef record = parseJson(line);
+        if (!record)
+            continue;
+        out.push_back({text(record.get(), "method"), text(record.get(), "target"), text(record.get(), "body"),
+                       JsonRef::borrow(json_object_get(record.get(), "headers")), std::move(record)});
+    }
+    return out;
+}
+
+std::vector<Logged> Devsim::requestsFrom(size_t from) const
+{
+    std::vector<Logged> all = requests();
+    if (from >= all.size())
+        return {};
+    return std::vector<Logged>(std::make_move_iterator(all.begin() + static_cast<long>(from)),
+                               std::make_move_iterator(all.end()));
+}
+
+std::vector<Logged> Devsim::requestsTo(const std::string& method, const std::string& prefix) const
+{
+    std::vector<Logged> out;
+    for (Logged& r : requests())
+        if ((method.empty() || r.method == method) && r.target.rfind(prefix, 0) == 0)
+            out.push_back(std::move(r));
+    return out;
+}
+
+std::string Devsim::signinArgs(const std::string& pass) const
+{
+    JsonRef args = JsonRef::adopt(json_pack("{ss si ss ss sb}", "ip", "127.0.0.1", "port", port_, "user", "admin",
+                                            "pass", pass.c_str(), "secure", tls_ ? 1 : 0));
+    return dump(args.get());
+}
+
+}  // namespace Orvex::Test

@@ -1,0 +1,85 @@
+// For tests that drive the device session in process (header-only: they link the session
+// library themselves): sign-in records and calls for a simulator, and a capture of the
+// root logger's messages.
+#pragma once
+
+#include "common/raii.h"
+#include "option/option.h"
+#include "session/session.h"
+#include "tests/support/devsim.h"
+#include "tests/support/process.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Orvex::Test {
+
+inline SigninOption signinOption(const Devsim& device, const std::string& user = "admin",
+                                 const std::string& pass = "secret")
+{
+    JsonRef args = JsonRef::adopt(json_pack("{sssisssssb}", "ip", "127.0.0.1", "port", device.port(), "user",
+                                            user.c_str(), "pass", pass.c_str(), "secure", device.tls()));
+    return SigninOption(args.get());
+}
+
+// Signs the singleton in (from a clean state) and returns the reply object.
+inline JsonRef signin(const Devsim& device, const std::string& user = "admin", const std::string& pass = "secret")
+{
+    Session& session = Session::getInstance();
+    session.reset();
+    SigninOption option = signinOption(device, user, pass);
+    json_t* out = json_object();
+    JsonRef owner = JsonRef::adopt(out);
+    session.signin(out, option);
+    return owner;
+}
+
+// "<message> <code>" of the SessionException that fn throws, "" when it throws none.
+inline std::string sessionFailure(const std::function<void()>& fn)
+{
+    try {
+        fn();
+    } catch (const SessionException& e) {
+        return e.message() + " " + std::to_string(e.code());
+    }
+    return "";
+}
+
+// Collects what reaches the root logger (and raises its level so trace lines come too).
+class LogCapture : public Poco::Channel {
+public:
+    void log(const Poco::Message& message) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back(message.getText());
+    }
+    std::vector<std::string> lines() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+inline Poco::AutoPtr<LogCapture> captureLog()
+{
+    Poco::AutoPtr<LogCapture> capture(new LogCapture);
+    Poco::Logger::root().setChannel(capture);
+    Poco::Logger::root().setLevel(Poco::Message::PRIO_TRACE);
+    return capture;
+}
+
+}  // namespace Orvex::Test

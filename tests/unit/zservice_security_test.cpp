@@ -1,0 +1,200 @@
+// The bus against hostile neighbours: a listener of another user, a flood of idle callers,
+// and zs-call's exit codes for scripts.
+#include "tests/support/daemon.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+using namespace Orvex::Test;
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+bool readByte(int fd, char& byte)
+{
+    return read(fd, &byte, 1) == 1;
+}
+
+// A process of uid 65534 listening on `address`. It accepts nothing until told, then
+// counts every byte its callers sent before they hung up.
+class Impostor {
+public:
+    explicit Impostor(const std::string& address)
+    {
+        if (pipe(toChild_) != 0 || pipe(fromChild_) != 0)
+            return;
+        pid_ = fork();
+        if (pid_ == 0)
+            serve(address);
+        close(toChild_[0]);
+        close(fromChild_[1]);
+        char byte = 0;
+        ready_ = readByte(fromChild_[0], byte) && byte == 'r';
+    }
+    ~Impostor()
+    {
+        close(toChild_[1]);
+        close(fromChild_[0]);
+        if (pid_ > 0)
+            waitpid(pid_, nullptr, 0);
+    }
+    bool ready() const { return ready_; }
+    // Bytes received over every connection made so far.
+    long bytesReceived()
+    {
+        long total = -1;
+        if (write(toChild_[1], "c", 1) != 1 || read(fromChild_[0], &total, sizeof(total)) != sizeof(total))
+            return -1;
+        return total;
+    }
+
+private:
+    [[noreturn]] void serve(const std::string& address)
+    {
+        close(toChild_[1]);
+        close(fromChild_[0]);
+        const bool dropped = setgid(kNobody) == 0 && setuid(kNobody) == 0;
+        const int listener = dropped ? rawListen(address) : -1;
+        if (write(fromChild_[1], listener >= 0 ? "r" : "x", 1) != 1 || listener < 0)
+            _exit(1);
+        char byte = 0;
+        readByte(toChild_[0], byte);
+        fcntl(listener, F_SETFL, O_NONBLOCK);  // take what is queued, then stop
+        long total = 0;
+        for (int fd; (fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK)) >= 0; close(fd)) {
+            char buffer[4096];
+            for (ssize_t n; (n = recv(fd, buffer, sizeof(buffer), 0)) > 0;)
+                total += n;
+        }
+        _exit(write(fromChild_[1], &total, sizeof(total)) == sizeof(total) ? 0 : 1);
+    }
+
+    int toChild_[2] = {-1, -1};
+    int fromChild_[2] = {-1, -1};
+    pid_t pid_ = -1;
+    bool ready_ = false;
+};
+
+#define ORVEX_REQUIRE_ROOT()                                           \
+    do {                                                               \
+        if (geteuid() != 0)                                            \
+            GTEST_SKIP() << "needs root to play a user of another uid"; \
+    } while (0)
+
+}  // namespace
+
+TEST(ZserviceTrust, AListenerOfAnotherUserGetsNotOneByteOfTheCall)
+{
+    ORVEX_REQUIRE_ROOT();
+    const std::string address = uniqueAddress("impostor");
+    Impostor impostor(address);
+    ASSERT_TRUE(impostor.ready());
+
+    const BusReply reply = busCall(address, "signin", "{\"pass\":\"secret\"}", -1, 5);
+    EXPECT_EQ(-1, reply.rc);
+    EXPECT_EQ(EACCES, reply.error);
+
+    const RunResult run = ::Orvex::Test::run({zsCallBinary(), "-t", "5", address, "signin", "{\"pass\":\"secret\"}"});
+    EXPECT_EQ(1, run.status);
+    EXPECT_EQ("zs-call: the listener at " + address + " runs as uid 65534, neither root nor us: nothing sent\n",
+        run.err);
+    EXPECT_EQ(0, impostor.bytesReceived());
+}
+
+TEST(ZserviceTrust, ACallerOfAnotherUserStillReachesARootService)
+{
+    ORVEX_REQUIRE_ROOT();
+    TestService service;  // policy 0: admits every local user
+    const std::string address = service.address();
+    const int status = inChild([&] {
+        if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
+            _exit(2);
+        const BusReply reply = busCall(address, "m", "{}", -1, 5);
+        _exit(reply.rc == 0 && reply.body == "echo:m:{}" ? 0 : 1);
+    });
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+}
+
+// The service runs in a child whose descriptor limit is 256; a flood of idle callers must
+// leave it enough descriptors for its own work, and it serves again once they leave.
+TEST(ZserviceCaps, AFloodOfIdleCallersLeavesDescriptorsForTheServicesOwnWork)
+{
+    int report[2];
+    int go[2];
+    ASSERT_EQ(0, pipe(report));
+    ASSERT_EQ(0, pipe(go));
+    const std::string address = uniqueAddress("flood");
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const rlimit limit{256, 256};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
+            _exit(2);
+        TestService service({}, 30, 0, address);
+        char byte = 0;
+        if (write(report[1], "r", 1) != 1 || !readByte(go[0], byte))
+            _exit(3);
+        // What a device request needs: new sockets.
+        std::vector<int> sockets;
+        for (int i = 0; i < 16; ++i)
+            sockets.push_back(socket(AF_INET, SOCK_STREAM, 0));
+        const char opened = static_cast<char>(std::count_if(sockets.begin(), sockets.end(), [](int fd) { return fd >= 0; }));
+        if (write(report[1], &opened, 1) != 1 || !readByte(go[0], byte))
+            _exit(4);
+        _exit(0);
+    }
+    char byte = 0;
+    ASSERT_TRUE(readByte(report[0], byte));
+    std::vector<int> flood;
+    for (int i = 0; i < 400; ++i)
+        flood.push_back(rawConnect(address));
+    EXPECT_EQ(0, std::count(flood.begin(), flood.end(), -1));
+    std::this_thread::sleep_for(500ms);  // the loop accepts what it will
+    ASSERT_EQ(1, write(go[1], "g", 1));
+    char opened = 0;
+    EXPECT_TRUE(readByte(report[0], opened));
+    EXPECT_EQ(16, opened) << "the flood took the descriptors a device request needs";
+    for (int fd : flood)
+        close(fd);
+    EXPECT_EQ("echo:m:", busCall(address, "m", "", -1, 10).body);
+    ASSERT_EQ(1, write(go[1], "g", 1));
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    for (int fd : {report[0], report[1], go[0], go[1]})
+        close(fd);
+}
+
+TEST(ZsCallExit, AnErrorReplyExitsFourAndIsPrintedShortOrPretty)
+{
+    TestService service([](const char* method, zs_io* io, int fd) {
+        zs_io_realloc(io, 0);
+        zs_io_printf(io, "%s", strcmp(method, "bad") == 0 ? "{\"error_code\":403,\"error_message\":\"\"}"
+                                                           : "{\"error_code\":0,\"a\":[1]}");
+        zs_reply(io);
+        zs_io_free(io);
+        if (fd >= 0)
+            close(fd);
+    });
+    RunResult run = ::Orvex::Test::run({zsCallBinary(), "--json=short", service.address(), "bad"});
+    EXPECT_EQ(4, run.status);
+    EXPECT_EQ("{\"error_code\":403,\"error_message\":\"\"}\n", run.out);
+    run = ::Orvex::Test::run({zsCallBinary(), "--json=pretty", service.address(), "good"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ("{\n  \"error_code\": 0,\n  \"a\": [\n    1\n  ]\n}\n", run.out);
+    run = ::Orvex::Test::run({zsCallBinary(), "--json=long", service.address(), "good"});
+    EXPECT_EQ(2, run.status);
+    run = ::Orvex::Test::run({zsCallBinary(), "--version"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ(std::string("zs-call ") + ORVEX_VERSION + "\n", run.out);
+}
