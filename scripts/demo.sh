@@ -25,7 +25,6 @@ legacy_mac=02:00:00:00:00:01
 token_mac=02:00:00:00:00:02
 work=$(mktemp -d /tmp/orvex-demo.XXXXXX)
 pids=()
-made_lsof_link=0
 
 cleanup() {
   set +e
@@ -37,7 +36,6 @@ cleanup() {
   done
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null; done
   wait 2>/dev/null
-  [ "$made_lsof_link" = 1 ] && rm -f /usr/sbin/lsof
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -61,12 +59,6 @@ if [ "$installed" = 0 ]; then
   cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build build -j"$(nproc)" --target orvex-session orvexctl orvex-devsim zs-call
   cmake --install build
-fi
-
-# The daemon and orvexctl use the appliance's /usr/sbin/lsof; Debian keeps lsof in /usr/bin.
-if [ ! -e /usr/sbin/lsof ]; then
-  ln -s "$(command -v lsof)" /usr/sbin/lsof
-  made_lsof_link=1
 fi
 
 # Starts a simulator and waits for its ready line; sets $port.
@@ -139,6 +131,10 @@ exercise() {
 
 exercise "$legacy_mac" "$legacy_port" ""
 exercise "$token_mac" "$token_port" --secure
+
+section "The fleet as orvexctl sees it (looking does not count as use)"
+run "$bin/orvexctl" list
+run "$bin/orvexctl" status "$token_mac" --json=pretty
 
 section "Help listing through the bus client"
 run "$bin/zs-call" "@/var/run/orvex/orvex-session@$legacy_mac" help

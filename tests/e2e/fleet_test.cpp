@@ -208,7 +208,7 @@ TEST_F(Fleet, StartKeepsThePasswordOutOfTheProcessListAndTheDaemon)
     EXPECT_EQ(ctl({"--version"}).out, "orvexctl " + daemonVersion.substr(daemonVersion.find(' ') + 1));
 }
 
-TEST_F(Fleet, ListsAThousandSessionsQuickly)
+TEST_F(Fleet, ListsEveryOneOfAThousandDeadSessions)
 {
     std::filesystem::create_directories(Paths::kStatusDirectory);
     for (int i = 0; i < 1000; ++i) {
@@ -219,14 +219,10 @@ TEST_F(Fleet, ListsAThousandSessionsQuickly)
             R"("host":"192.0.2.1","port":443,"secure":true,"model":"m","serial":"s","last_use":1})",
             mac.c_str(), 4000000 + i);
     }
-    auto begin = std::chrono::steady_clock::now();
+    // How fast is measured by the benchmark (bench/run.sh), not here.
     RunResult list = ctl({"list"});
-    auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
-    RecordProperty("list_1000_ms", static_cast<int>(took.count()));
-    std::printf("orvexctl list of 1000 sessions: %lld ms\n", static_cast<long long>(took.count()));
     EXPECT_EQ(list.status, 3);
     EXPECT_EQ(lines(list.out).size(), 1000u);
-    EXPECT_LT(took, 5s);
 }
 
 }  // namespace

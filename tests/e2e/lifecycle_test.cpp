@@ -209,8 +209,19 @@ TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFi
     auto archiveInode = [&] { return stat((std::string(Paths::kLogPath) + ".0").c_str(), &archive) == 0 ? archive.st_ino : 0; };
     auto checkNewest = [&](const std::string& since, std::map<std::string, size_t>& calls) {
         Lines newest;
-        collect(std::string(Paths::kLogPath) + ".0", tags, newest);
-        collect(Paths::kLogPath, tags, newest);
+        auto complete = [&] {
+            newest.clear();
+            collect(std::string(Paths::kLogPath) + ".0", tags, newest);
+            collect(Paths::kLogPath, tags, newest);
+            for (const auto& [pid, stamps] : newest)
+                if (size_t(std::count_if(stamps.begin(), stamps.end(), [&](const std::string& s) { return s >= since; })) <
+                    calls[pid] * perCall[pid])
+                    return false;
+            return true;
+        };
+        // A call's last trace lines may follow its reply; a slow (sanitized) daemon writes
+        // them a moment after the caller returned.
+        waitFor(complete);
         for (const auto& [pid, stamps] : newest) {
             EXPECT_TRUE(std::is_sorted(stamps.begin(), stamps.end())) << "lines of pid " << pid << " out of order";
             size_t after = std::count_if(stamps.begin(), stamps.end(), [&](const std::string& s) { return s >= since; });
