@@ -7,7 +7,9 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -63,12 +65,6 @@ std::string uniqueAddress(const char* tag)
     return "@orvex-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++) + "-" + tag;
 }
 
-void putU32(std::string& frame, size_t offset, uint32_t value)
-{
-    for (int i = 0; i < 4; ++i)
-        frame[offset + i] = static_cast<char>(value >> (8 * i));
-}
-
 std::string frame(uint8_t kind, const std::string& name, const std::string& body)
 {
     uint8_t header[ZS_HEADER_SIZE];
@@ -112,6 +108,8 @@ bool sendAll(int fd, const std::string& bytes)
     size_t sent = 0;
     while (sent < bytes.size()) {
         ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
         if (n <= 0)
             return false;
         sent += static_cast<size_t>(n);
@@ -125,8 +123,18 @@ std::string readUntilClosed(int fd, int timeoutMs, bool& closed)
     closed = false;
     pollfd p{fd, POLLIN, 0};
     char buffer[4096];
-    while (poll(&p, 1, timeoutMs) > 0) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        // A signal (libFuzzer's timer, for one) interrupts the wait; it is not a time-out.
+        const int ready = poll(&p, 1, std::max<int>(0, static_cast<int>(left.count())));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            break;
         ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+        if (n < 0 && errno == EINTR)
+            continue;
         if (n <= 0) {
             closed = true;
             break;
