@@ -1,4 +1,4 @@
-// zs_call reading reply frames: a stand-in service (raw socket, background thread) takes the
+// zs_call reading reply frames: a stand-in service (raw socket, a thread per input) takes the
 // call frame and answers with the input's bytes, then hangs up. zs_call must succeed with
 // exactly the announced body for a well-formed reply, and otherwise fail with EPROTO or
 // EMSGSIZE; never hang until its time-out, never read past what was announced.
@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -23,48 +22,15 @@ namespace {
 
 const char kMethod[] = "fuzz";
 
-struct FakeService {
-    std::string address = Test::uniqueAddress("reply");
-    UniqueFd listening{Test::rawListen(address)};
-    std::mutex mutex;
-    std::string answer;
-    bool stopping = false;
-    std::thread loop;
-
-    FakeService()
-    {
-        FUZZ_CHECK(listening, "stand-in service listens");
-        loop = std::thread([this] { serve(); });
-    }
-    ~FakeService()
-    {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            stopping = true;
-        }
-        UniqueFd wake(Test::rawConnect(address));  // the accept's last connection
-        loop.join();
-    }
-    void serve()
-    {
-        for (;;) {
-            UniqueFd fd(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (!fd)
-                continue;
-            std::string bytes;
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                if (stopping)
-                    return;
-                bytes = answer;
-            }
-            // The whole call first, so closing after the answer is a clean end of stream.
-            char call[ZS_HEADER_SIZE + sizeof(kMethod) - 1];
-            if (recv(fd.get(), call, sizeof call, MSG_WAITALL) == sizeof call)
-                Test::sendAll(fd.get(), bytes);
-        }
-    }
-};
+// Takes one call and answers it with `answer`, then hangs up.
+void answerOnce(int listening, const std::string& answer)
+{
+    UniqueFd fd(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+    char call[ZS_HEADER_SIZE + sizeof(kMethod) - 1];
+    // The whole call first, so closing after the answer is a clean end of stream.
+    if (fd && recv(fd.get(), call, sizeof call, MSG_WAITALL) == sizeof call)
+        Test::sendAll(fd.get(), answer);
+}
 
 void checkOutcome(const uint8_t* data, size_t size, int result, int error, zs_io* io)
 {
@@ -89,16 +55,16 @@ void checkOutcome(const uint8_t* data, size_t size, int result, int error, zs_io
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static FakeService service;
-    {
-        std::lock_guard<std::mutex> lock(service.mutex);
-        service.answer.assign(reinterpret_cast<const char*>(data), size);
-    }
+    static const std::string address = Test::uniqueAddress("reply");
+    static UniqueFd listening(Test::rawListen(address));
+    FUZZ_CHECK(listening, "stand-in service listens");
+    std::thread service(answerOnce, listening.get(), std::string(reinterpret_cast<const char*>(data), size));
     zs_io* io = zs_io_create();
     zs_io_write(io, "previous content", 16);
     errno = 0;
-    int result = zs_call(service.address.c_str(), kMethod, io, 10, -1);
+    int result = zs_call(address.c_str(), kMethod, io, 10, -1);
     int error = errno;
+    service.join();
     checkOutcome(data, size, result, error, io);
     zs_io_free(io);
     return 0;

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <utility>
 
 using namespace Orvex;
 
@@ -27,22 +28,14 @@ const char* const kParameters[] = {"id", "mac", "method"};
 // names that are also the first segment of a path.
 void registerEndpoints()
 {
-    struct Entry {
-        const char* general;
-        const char* restful;
-    };
-    const Entry entries[] = {
-        {"get_rsyslog_config", "rsyslog/config"},
-        {"set_rsyslog_client", "rsyslog/client/{id}"},
-        {"", "rsyslog/client/{id}/enable"},
-        {"", "rsyslog/client/{id}/disable"},
-        {"", "rsyslog/client/test"},
-        {"del_rsyslog_client", "rsyslog/client/{id}/delete"},
-        {"call_device", "device/{mac}/call/{method}"},
+    const std::pair<const char*, const char*> entries[] = {
+        {"get_rsyslog_config", "rsyslog/config"}, {"set_rsyslog_client", "rsyslog/client/{id}"},
+        {"", "rsyslog/client/{id}/enable"}, {"", "rsyslog/client/{id}/disable"}, {"", "rsyslog/client/test"},
+        {"del_rsyslog_client", "rsyslog/client/{id}/delete"}, {"call_device", "device/{mac}/call/{method}"},
         {"", "get_rsyslog_config/{id}"},
     };
-    for (const Entry& e : entries)
-        Service::addEndpoint(Service::WORKER_THREAD, TicktockQueue::TICK, e.general, e.restful,
+    for (const auto& [general, restful] : entries)
+        Service::addEndpoint(Service::WORKER_THREAD, TicktockQueue::TICK, general, restful,
             Poco::SharedPtr<Endpoint>(new Endpoint{true, "usage", nullptr, &unused, TicktockQueue::TICK}));
 }
 
@@ -59,10 +52,8 @@ bool registered(const Endpoint* endpoint)
     return std::any_of(all.begin(), all.end(), [&](const Poco::SharedPtr<Endpoint>& e) { return e.get() == endpoint; });
 }
 
-void checkFailure(const ResourceException& e)
-{
-    FUZZ_CHECK(e.code() == 404 || e.code() == 400, e.message().c_str());
-}
+// Unknown (404) or a bad escape (400), nothing else.
+void checkFailure(const ResourceException& e) { FUZZ_CHECK(e.code() == 404 || e.code() == 400, e.message().c_str()); }
 
 void plainLookup(const std::string& name)
 {

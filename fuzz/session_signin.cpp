@@ -1,5 +1,5 @@
-// Sign-in against a device whose every answer is the input: a small HTTP server on loopback
-// (background threads) replies with the input as the body to each request, so the same
+// Sign-in against a device whose every answer is the input: the harness's scripted server on
+// loopback replies with the input as the body to each request, so the same
 // bytes meet the legacy XML parsing, the token JSON unpacking and, once signed in, the
 // merge of a syslog answer into a reply. Sign-in either succeeds and reports the four
 // identity strings, or fails with "signin fail"; nothing else may escape.
@@ -7,71 +7,17 @@
 #include "fuzz/fuzz_support.h"
 #include "option/option.h"
 #include "session/session.h"
-
-#include <Poco/Net/HTTPRequestHandler.h>
-#include <Poco/Net/HTTPRequestHandlerFactory.h>
-#include <Poco/Net/HTTPServer.h>
-#include <Poco/Net/HTTPServerParams.h>
-#include <Poco/Net/HTTPServerRequest.h>
-#include <Poco/Net/HTTPServerResponse.h>
-#include <Poco/Net/ServerSocket.h>
-#include <Poco/Net/SocketAddress.h>
-#include <Poco/StreamCopier.h>
-#include <Poco/ThreadPool.h>
+#include "tests/support/hostile.h"
 
 #include <jansson.h>
 
 #include <cstdint>
-#include <memory>
-#include <mutex>
 #include <string>
+#include <vector>
 
 using namespace Orvex;
 
 namespace {
-
-std::mutex answerMutex;
-std::string answer;
-
-std::string currentAnswer()
-{
-    std::lock_guard<std::mutex> lock(answerMutex);
-    return answer;
-}
-
-class AnswerHandler : public Poco::Net::HTTPRequestHandler {
-public:
-    void handleRequest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) override
-    {
-        std::string ignored;
-        Poco::StreamCopier::copyToString(request.stream(), ignored);
-        std::string body = currentAnswer();
-        response.setContentLength(static_cast<std::streamsize>(body.size()));
-        response.send().write(body.data(), static_cast<std::streamsize>(body.size()));
-    }
-};
-
-class AnswerFactory : public Poco::Net::HTTPRequestHandlerFactory {
-public:
-    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
-    {
-        return new AnswerHandler;
-    }
-};
-
-// The device for the whole run; stopped before its pool at exit.
-struct Device {
-    Poco::ThreadPool pool{2, 4};
-    Poco::Net::ServerSocket socket{Poco::Net::SocketAddress("127.0.0.1", 0)};
-    Poco::Net::HTTPServer server{new AnswerFactory, pool, socket, new Poco::Net::HTTPServerParams};
-    Device() { server.start(); }
-    ~Device()
-    {
-        server.stopAll(true);
-        pool.joinAll();
-    }
-    int port() const { return socket.address().port(); }
-};
 
 bool isString(json_t* object, const char* key)
 {
@@ -114,11 +60,8 @@ void readSyslogConfig(Session& session, const uint8_t* data, size_t size)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static Device device;
-    {
-        std::lock_guard<std::mutex> lock(answerMutex);
-        answer.assign(reinterpret_cast<const char*>(data), size);
-    }
+    std::vector<Test::Hostile::Piece> script{{Test::Hostile::answer(std::string(reinterpret_cast<const char*>(data), size))}};
+    Test::Hostile device(script);
     Session& session = Session::getInstance();
     session.reset();
     if (!signin(session, device.port()))

@@ -12,7 +12,7 @@ set(ORVEX_FUZZ_LIBS_option_records orvex::option)
 set(ORVEX_FUZZ_LIBS_service_lookup orvex::service)
 set(ORVEX_FUZZ_LIBS_bus_call_frame orvex::zservice orvex_test_support)
 set(ORVEX_FUZZ_LIBS_bus_reply_frame orvex::zservice orvex_test_support)
-set(ORVEX_FUZZ_LIBS_session_signin orvex::session orvex::option Poco::Net)
+set(ORVEX_FUZZ_LIBS_session_signin orvex::session orvex::option orvex_test_support)
 set(ORVEX_FUZZ_LIBS_session_merge orvex::session orvex::option orvex::zservice orvex_test_support)
 set(ORVEX_FUZZ_SOURCE_DIR ${CMAKE_CURRENT_LIST_DIR})
 

@@ -2,8 +2,6 @@
 // plain-text help through the command-line bus client.
 #include <fcntl.h>
 
-#include <cstring>
-
 #include "tests/support/daemon.h"
 
 namespace Orvex::Test {
@@ -57,14 +55,7 @@ TEST(BusReplies, CallerThatHangsUpStillGetsTheDeviceChanged)
     EXPECT_TRUE(s.daemon.process().running());
 }
 
-std::string helpText(const std::string& mac, const std::string& method)
-{
-    RunResult result = run({zsCallBinary(), busAddress(mac), "help", "{\"method\":\"" + method + "\"}"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    return result.out;
-}
-
-TEST(BusReplies, HelpThroughTheBusClientListsAndExplainsTheMethods)
+TEST(BusReplies, HelpThroughTheBusClientListsEveryMethod)
 {
     ORVEX_REQUIRE_ISOLATION();
     const std::string mac = "00:11:22:33:44:55";
@@ -79,24 +70,8 @@ TEST(BusReplies, HelpThroughTheBusClientListsAndExplainsTheMethods)
              "set_device_rsyslog_client_enable", "add_device_rsyslog_client_test", "get_device_rsyslog_config",
              "set_device_rsyslog_server_config", "get_device_system_info", "signin", "signout"})
         listing += std::string("   ") + name + "\n";
+    // The texts themselves are pinned where they are written (static_asserts).
     EXPECT_EQ(all.out.substr(0, listing.size() + 1), listing + "\n");
-
-    // The three id methods share one text; only the method name differs.
-    std::string del = helpText(mac, "del_device_rsyslog_client");
-    EXPECT_NE(del.find("   orvex-session@" + mac + ".del_device_rsyslog_client\n\n[Options]:\n"
-                       "   id=(int)                config id\n"),
-        std::string::npos)
-        << del;
-    for (const char* other : {"set_device_rsyslog_client_enable", "set_device_rsyslog_client_disable"}) {
-        std::string text = helpText(mac, other);
-        size_t at = text.find(other);
-        ASSERT_NE(at, std::string::npos) << text;
-        text.replace(at, std::strlen(other), "del_device_rsyslog_client");
-        EXPECT_EQ(text, del);
-    }
-    EXPECT_EQ(helpText(mac, "signin").find("[Options]"), std::string::npos);
-    EXPECT_NE(helpText(mac, "add_device_rsyslog_client").find("enable log remote evnet (default false)"),
-        std::string::npos);
 }
 
 }  // namespace

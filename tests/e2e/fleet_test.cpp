@@ -1,7 +1,6 @@
-// orvexctl on a fleet of session processes: sign-in failures with their causes and exit
-// codes, list/status from the lock and status files, stop that escalates, and the
-// password kept out of the process list and the daemon's environment.
-#include <netinet/in.h>
+// orvexctl on one device and on a fleet of session processes: start, call and stop, error
+// replies, sign-in failures with their causes and exit codes, list/status from the lock and
+// status files, stop that escalates, and the password kept out of sight.
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,18 +16,12 @@
 namespace Orvex::Test {
 namespace {
 
-// A port on 127.0.0.1 that nobody listens on.
+// A port on 127.0.0.1 that nobody listens on (any more; the namespace is private).
 int closedPort()
 {
-    UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0)
-        return 0;
-    return ntohs(address.sin_port);
+    int port = 0;
+    loopbackSocket(SOCK_STREAM, port);
+    return port;
 }
 
 std::vector<std::string> lines(const std::string& text)
@@ -43,6 +36,14 @@ std::vector<std::string> lines(const std::string& text)
 bool contains(const std::string& text, const std::string& part)
 {
     return text.find(part) != std::string::npos;
+}
+
+RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+    const std::string& input = "")
+{
+    std::vector<std::string> argv = {ctlBinary()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run(argv, env, input);
 }
 
 class Fleet : public ::testing::Test {
@@ -73,24 +74,55 @@ protected:
         std::filesystem::rename(next, Paths::kDaemonPath);
     }
 
-    static RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {})
-    {
-        std::vector<std::string> argv = {ctlBinary()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        return run(argv, env);
-    }
-
+    // The password from DEVICE_PASS through --pass-env; extra {} leaves it to ORVEX_PASS.
     static RunResult start(const std::string& mac, int port, const std::string& pass, bool secure,
-        const std::vector<std::string>& extra = {})
+        const std::vector<std::string>& extra = {"--pass-env", "DEVICE_PASS"}, const std::string& input = "")
     {
         std::vector<std::string> args = {"start", mac, "--ip", "127.0.0.1", "--port", std::to_string(port), "--user",
-            "admin", "--pass-env", "DEVICE_PASS"};
+            "admin"};
         if (secure)
             args.push_back("--secure");
         args.insert(args.end(), extra.begin(), extra.end());
-        return ctl(args, {"DEVICE_PASS=" + pass, "ORVEX_PASS=" + pass});
+        std::vector<std::string> env;
+        if (!pass.empty())
+            env = {"DEVICE_PASS=" + pass, "ORVEX_PASS=" + pass};
+        return ctl(args, env, input);
     }
 };
+
+TEST_F(Fleet, StartsCallsAndStopsOneDevice)
+{
+    Devsim device("token", true);
+    RunResult started = start("00:11:22:33:44:AA", device.port(), "secret", true);
+    ASSERT_EQ(started.status, 0) << started.err;
+    JsonRef identity = parseJson(started.out);
+    EXPECT_STREQ(json_string_value(json_object_get(identity.get(), "model")), "ZEM-880") << started.out;
+    EXPECT_EQ(started.out.find('\n'), started.out.size() - 1) << "compact, one line: " << started.out;
+
+    const std::string mac = "00:11:22:33:44:aa";
+    RunResult added = ctl({"call", mac, "add_device_rsyslog_client", R"({"address":"192.0.2.1","mode":3,"port":514})"});
+    EXPECT_EQ(added.status, 0) << added.err;
+    EXPECT_EQ(added.out, "{\"success\":true,\"id\":1}\n");
+    RunResult listed = ctl({"call", "00:11:22:33:44:AA", "get_device_rsyslog_client"});
+    EXPECT_TRUE(contains(listed.out, "192.0.2.1")) << listed.out;
+    // An error reply is printed and exits 1; a device's own 404 is data, not a failed call.
+    RunResult bad = ctl({"call", mac, "set_device_rsyslog_client", "{}"});
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_EQ(bad.out, "{\"error_code\":400,\"error_message\":\"id missed\"}\n");
+    EXPECT_EQ(bad.err, "orvexctl: set_device_rsyslog_client on " + mac + " failed: id missed (error 400)\n");
+    RunResult unknown = ctl({"call", mac, "del_device_rsyslog_client", R"({"id":42})"});
+    EXPECT_EQ(unknown.status, 0) << unknown.err;
+    EXPECT_TRUE(contains(unknown.out, "no client with id 42")) << unknown.out;
+
+    RunResult stopped = ctl({"stop", mac});
+    EXPECT_EQ(stopped.status, 0) << stopped.err;
+    EXPECT_EQ(lockHolder(mac), 0);
+    EXPECT_EQ(device.requestsTo("GET", "/zem/oauth/logout").size(), 1u);
+    RunResult gone = ctl({"call", mac, "get_device_rsyslog_client"});
+    EXPECT_EQ(gone.status, 3);
+    EXPECT_EQ(gone.err, "orvexctl: no session process answers for MAC " + mac + "\n");
+    EXPECT_EQ(ctl({"stop", mac}).status, 3);
+}
 
 TEST_F(Fleet, SigninFailuresNameTheirCauseInTheLogAndTheExitCode)
 {
@@ -112,6 +144,7 @@ TEST_F(Fleet, SigninFailuresNameTheirCauseInTheLogAndTheExitCode)
         RunResult started = start(c.mac, c.port, c.pass, c.secure);
         EXPECT_EQ(started.status, c.status) << c.cause << ": " << started.err;
         EXPECT_TRUE(contains(started.err, "failed: " + c.cause)) << started.err;
+        EXPECT_EQ(started.out, "{\"error_code\":403,\"error_message\":\"signin fail\"}\n") << c.cause;
         bool logged = false;
         for (const std::string& line : lines(readFile(Paths::kLogPath)))
             logged = logged || (contains(line, "[" + c.mac + " ") && contains(line, c.logged));
@@ -197,7 +230,15 @@ TEST_F(Fleet, StartKeepsThePasswordOutOfTheProcessListAndTheDaemon)
     EXPECT_TRUE(contains(literal.err, "process list")) << literal.err;
 
     Devsim device("legacy", false, {"--pass", "s3cr3t-word"});
-    RunResult started = start("02:00:00:00:05:01", device.port(), "s3cr3t-word", false, {"--level", "7"});
+    RunResult fromStdin = start("02:00:00:00:05:02", device.port(), "", false, {"--pass-stdin"}, "s3cr3t-word\n");
+    ASSERT_EQ(fromStdin.status, 0) << fromStdin.err;
+    EXPECT_FALSE(contains(fromStdin.out + fromStdin.err, "s3cr3t"));
+    RunResult fromOrvexPass = start("02:00:00:00:05:03", device.port(), "s3cr3t-word", false, {});
+    ASSERT_EQ(fromOrvexPass.status, 0) << fromOrvexPass.err;
+    EXPECT_FALSE(contains(fromOrvexPass.out + fromOrvexPass.err, "s3cr3t"));
+
+    RunResult started = start("02:00:00:00:05:01", device.port(), "s3cr3t-word", false,
+        {"--pass-env", "DEVICE_PASS", "--level", "7"});
     ASSERT_EQ(started.status, 0) << started.err;
     pid_t pid = lockHolder("02:00:00:00:05:01");
     ASSERT_GT(pid, 0);
@@ -223,6 +264,40 @@ TEST_F(Fleet, ListsEveryOneOfAThousandDeadSessions)
     RunResult list = ctl({"list"});
     EXPECT_EQ(list.status, 3);
     EXPECT_EQ(lines(list.out).size(), 1000u);
+}
+
+// Needs no daemon, so no isolation.
+TEST(OrvexctlUsage, BadCommandLinesExitTwoWithOneLine)
+{
+    const std::string kUsageMac = "00:11:22:33:44:55";
+    const std::string port = "--port=443";
+    const std::vector<std::vector<std::string>> cases = {
+        {},
+        {"frobnicate"},
+        {"start", kUsageMac},
+        {"start", "00-11-22-33-44-55", "--ip", "h", "--port", "1", "--user", "u", "--pass-env", "HOME"},
+        {"start", kUsageMac, "--ip", "h", "--port", "70000", "--user", "u", "--pass-env", "HOME"},
+        {"start", kUsageMac, "--ip", "h", port, "--user", "u", "--pass-env", "HOME", "--pass-stdin"},
+        {"start", kUsageMac, "--ip", "h", port, "--user", "u", "--pass-env", "ORVEX_TEST_UNSET_VARIABLE"},
+        {"start", kUsageMac, "--ip", "h", port, "--user", "u", "--pass-env", "HOME", "--colour"},
+        {"call", kUsageMac},
+        {"call", kUsageMac, "signin", "[1]"},
+        {"call", kUsageMac, "signin", "{\"ip\":"},
+        {"call", kUsageMac, "signin", "{}", "extra"},
+        {"stop"},
+        {"stop", "everything"},
+    };
+    for (const auto& args : cases) {
+        RunResult result = ctl(args);
+        std::string shown = args.empty() ? "(none)" : args.back();
+        EXPECT_EQ(result.status, 2) << shown << ": " << result.err;
+        EXPECT_EQ(result.err.rfind("orvexctl: ", 0), 0u) << shown;
+        EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << shown << ": " << result.err;
+        EXPECT_EQ(result.out, "") << shown;
+    }
+    RunResult help = ctl({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind("usage: orvexctl start MAC", 0), 0u) << help.out;
 }
 
 }  // namespace

@@ -188,14 +188,6 @@ TestService::Handler currentHandler;
 
 }  // namespace
 
-int settledFdCount()
-{
-    {
-        TestService warmUp;
-    }
-    return openFds();
-}
-
 TestService::TestService(Handler onCall, int recvTimeout, int policy, std::string address)
 {
     callCount = 0;

@@ -54,10 +54,9 @@ private:
     int result_ = -2;
 };
 
-// A frame as bytes, built by the bus's own encoder; putU32 overrides a field to build bad ones.
+// A frame as bytes, built by the bus's own encoder.
 std::string frame(uint8_t kind, const std::string& name, const std::string& body);
 std::string callFrame(const std::string& method, const std::string& body);
-void putU32(std::string& frame, size_t offset, uint32_t value);
 
 // A raw connection to a bus address; -1 when nobody listens.
 int rawConnect(const std::string& address);
@@ -82,10 +81,6 @@ public:
 private:
     int fds_[2] = {-1, -1};
 };
-
-// Descriptors open in this process once the process-wide signal pipe, which the first
-// service creates, exists (so that pipe is not counted as a leak).
-int settledFdCount();
 
 // One bus service on its own thread whose handler is any callable (run on the loop
 // thread). The default handler replies "echo:<method>:<body>" (the bare body for method

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 
@@ -52,41 +53,28 @@ Devsim::~Devsim()
 // "orvex-devsim listening on <scheme>://127.0.0.1:<port>"
 void Devsim::readReadyLine(int fd)
 {
+    std::string ready;
     char c;
-    while (ready_.find('\n') == std::string::npos) {
+    while (ready.find('\n') == std::string::npos) {
         pollfd p{fd, POLLIN, 0};
         if (poll(&p, 1, 20000) <= 0 || read(fd, &c, 1) != 1) {
             stop();
-            throw std::runtime_error("orvex-devsim gave no ready line: " + ready_);
+            throw std::runtime_error("orvex-devsim gave no ready line: " + ready);
         }
-        ready_ += c;
+        ready += c;
     }
     std::string prefix = std::string("orvex-devsim listening on ") + (tls_ ? "https" : "http") + "://127.0.0.1:";
-    if (ready_.compare(0, prefix.size(), prefix) != 0) {
+    if (ready.compare(0, prefix.size(), prefix) != 0) {
         stop();
-        throw std::runtime_error("orvex-devsim: unexpected ready line: " + ready_);
+        throw std::runtime_error("orvex-devsim: unexpected ready line: " + ready);
     }
-    port_ = std::atoi(ready_.c_str() + prefix.size());
-}
-
-void Devsim::freeze()
-{
-    child_->signal(SIGSTOP);
-    frozen_ = true;
-}
-
-void Devsim::thaw()
-{
-    if (frozen_)
-        child_->signal(SIGCONT);
-    frozen_ = false;
+    port_ = std::atoi(ready.c_str() + prefix.size());
 }
 
 int Devsim::stop()
 {
     if (status_ != -1 || !child_)
         return status_;
-    thaw();
     child_->closeStdin();
     status_ = child_->wait(5s);
     if (status_ == -1) {
@@ -114,10 +102,8 @@ std::vector<Logged> Devsim::requests() const
 std::vector<Logged> Devsim::requestsFrom(size_t from) const
 {
     std::vector<Logged> all = requests();
-    if (from >= all.size())
-        return {};
-    return std::vector<Logged>(std::make_move_iterator(all.begin() + static_cast<long>(from)),
-                               std::make_move_iterator(all.end()));
+    all.erase(all.begin(), all.begin() + static_cast<long>(std::min(from, all.size())));
+    return all;
 }
 
 std::vector<Logged> Devsim::requestsTo(const std::string& method, const std::string& prefix) const

@@ -35,11 +35,7 @@ public:
     int port() const { return port_; }
     bool tls() const { return tls_; }
     pid_t pid() const { return child_->pid(); }
-    const std::string& readyLine() const { return ready_; }
 
-    // SIGSTOP and SIGCONT: a device that stops answering, and back.
-    void freeze();
-    void thaw();
     // Closes its standard input (it ends on that) and returns its exit status (as
     // Child::wait); one that has not ended within 5 s is killed.
     int stop();
@@ -57,10 +53,8 @@ private:
     void readReadyLine(int fd);
 
     bool tls_;
-    bool frozen_ = false;
     TempDir dir_;
     std::unique_ptr<Child> child_;
-    std::string ready_;
     int port_ = 0;
     int status_ = -1;
 };

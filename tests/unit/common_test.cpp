@@ -106,11 +106,6 @@ TEST_F(TraceTest, EnterAndLeaveLinesOnlyAtTraceLevel)
     std::string where = "common_test.cpp:" + std::to_string(kProbeLine) + ", int {anonymous}::tracedProbe(int)";
     EXPECT_EQ(channel->texts, (std::vector<std::string>{where + " :enter", where + " :leave"}));
     EXPECT_EQ(channel->priorities, (std::vector<int>{Poco::Message::PRIO_TRACE, Poco::Message::PRIO_TRACE}));
-    channel->texts.clear();
-    btoa("x");
-    ASSERT_EQ(channel->texts.size(), 2u);
-    EXPECT_EQ(channel->texts[0].rfind("misc.cpp:", 0), 0u);
-    EXPECT_NE(channel->texts[0].find(", std::string Orvex::btoa(const std::string&) :enter"), std::string::npos);
 }
 
 TEST_F(TraceTest, FailuresWhileTracingAreSwallowed)

@@ -70,19 +70,6 @@ TEST(Reply, StatusKeysAreAddedAndErrorsDropTheData)
     json_decref(keptData);
 }
 
-TEST(Reply, DescriptorGetsHeaderAndJsonWithoutNewline)
-{
-    ServedBus bus(&replyHandler);
-    for (auto [method, json] : {std::make_pair("forward-empty", "{}"),
-             std::make_pair("success", "{\"error_code\":0,\"error_message\":\"\"}")}) {
-        Pipe pipe;
-        auto r = bus.call(method, "", pipe.writeEnd());
-        EXPECT_EQ(r.rc, 0);
-        EXPECT_EQ(r.body, "");
-        EXPECT_EQ(pipe.readAll(), std::string("Content-Type: application/json; charset=utf-8\r\n\r\n") + json);
-    }
-}
-
 TEST(Reply, NothingIsWrittenWithoutALiveCaller)
 {
     Pipe pipe;

@@ -30,10 +30,9 @@ namespace {
 PthreadWorker bounded(5000);
 Poco::Thread boundedThread;
 
-Poco::Event gateEntered, lateGate, lateDone, fillsDone, dispatched, forked;
+Poco::Event gateEntered, fillsDone, dispatched;
 Poco::Event gateOpen(Poco::Event::EVENT_MANUALRESET);
 std::atomic<int> fills{0};
-std::atomic<pid_t> forkedChild{-1};
 int slowGate[2] = {-1, -1};
 
 void throwing(zs_io*, json_t*& args, int&)
@@ -67,13 +66,6 @@ void fill(zs_io*, json_t*&, int&)
         fillsDone.set();
 }
 
-void late(zs_io* io, json_t*& args, int& fd)
-{
-    lateGate.wait();
-    zs_reply_forward(io, fd, args);
-    lateDone.set();
-}
-
 void slow(zs_io* io, json_t*& args, int& fd)
 {
     char byte;
@@ -81,14 +73,12 @@ void slow(zs_io* io, json_t*& args, int& fd)
         zs_reply_forward(io, fd, args);
 }
 
-void endsTheSession(zs_io*, json_t*&, int&) { throw SessionException("not signin", 403); }
-
 class Workers : public ::testing::Environment {
 public:
     void SetUp() override
     {
         for (auto [name, function] : {std::make_pair("throw", &throwing), std::make_pair("gate", &gate),
-                 std::make_pair("fill", &fill), std::make_pair("late", &late)})
+                 std::make_pair("fill", &fill)})
             Service::getInstance().addEndpoint(&bounded, TicktockQueue::TICK, name, "",
                 new Endpoint{true, "", nullptr, function, TicktockQueue::TICK});
         Service::addEndpoint(Service::WORKER_PROCESS, TicktockQueue::TICK, "slow", "",
@@ -108,20 +98,6 @@ void toService(const char* method, zs_io* io, int fd)
 {
     Service::getInstance().dispatch(method, io, fd);
     dispatched.set();
-}
-
-// invoke in a child process, which the SessionException row may end.
-void invokeInChild(const char* method, zs_io* io, int fd)
-{
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ProcessWorker().invoke(&endsTheSession, json_object(), method, io, fd);
-        ::_exit(42);
-    }
-    forkedChild = pid;
-    forked.set();
-    zs_io_free(io);
-    ::close(fd);
 }
 
 std::string reply(int code, const std::string& message)
@@ -152,16 +128,6 @@ TEST_F(Worker, EveryExceptionBecomesItsErrorReply)
         EXPECT_EQ(bus.call("throw", std::string("{\"kind\":\"") + kind + "\"}").body, expected) << kind;
 }
 
-TEST_F(Worker, SessionExceptionRepliesThenEndsTheProcessWithZero)
-{
-    ServedBus forking(&invokeInChild);
-    EXPECT_EQ(forking.call("signin").body, reply(403, "not signin"));
-    ASSERT_TRUE(forked.tryWait(10000));
-    int status = -1;
-    ASSERT_EQ(::waitpid(forkedChild, &status, 0), forkedChild.load());
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-}
-
 TEST_F(Worker, FullQueueRefusesWith429AndReleasesTheCall)
 {
     BusReply held;
@@ -182,16 +148,6 @@ TEST_F(Worker, FullQueueRefusesWith429AndReleasesTheCall)
     ASSERT_TRUE(fillsDone.tryWait(30000));
     EXPECT_EQ(bus.call("gate").body, "{}");  // behind anything still queued
     EXPECT_EQ(fills.load(), 5000) << "a refused call ran";
-}
-
-TEST_F(Worker, CallerThatHungUpGetsNothingWritten)
-{
-    Pipe pipe;
-    BusReply r = bus.call("late", "{}", pipe.writeEnd(), 1);
-    EXPECT_EQ(r.error, ETIMEDOUT);
-    lateGate.set();
-    ASSERT_TRUE(lateDone.tryWait(10000));
-    EXPECT_EQ(pipe.readAll(), "");
 }
 
 TEST_F(Worker, ProcessWorkerNeverWaitsForTheHandlerAndLeavesNoZombie)

@@ -10,7 +10,6 @@ endfunction()
 orvex_session_test(session_signin_test session_signin_test.cpp)
 orvex_session_test(session_keepalive_test session_keepalive_test.cpp LABELS tsan)
 orvex_session_test(session_rsyslog_test session_rsyslog_test.cpp)
-orvex_session_test(session_timeout_test session_timeout_test.cpp LABELS slow)
 # Writes the private /usr/local/sbin and serves the real per-device bus address.
 orvex_session_test(session_bus_test session_bus_test.cpp ISOLATED LABELS tsan)
 add_dependencies(session_bus_test orvex-session)

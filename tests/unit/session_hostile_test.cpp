@@ -12,36 +12,6 @@ using namespace Orvex::Test;
 using Piece = Hostile::Piece;
 using std::chrono::milliseconds;
 
-namespace {
-
-SigninOption optionFor(int port, bool secure = false, const std::string& ip = "127.0.0.1")
-{
-    JsonRef args = JsonRef::adopt(json_pack("{ss si ss ss sb}", "ip", ip.c_str(), "port", port, "user", "admin",
-                                            "pass", "secret", "secure", secure));
-    return SigninOption(args.get());
-}
-
-// Signs in from a clean state; returns the seconds taken and the failure cause.
-std::pair<double, std::string> failedSignin(int port, bool secure = false)
-{
-    Session& session = Session::getInstance();
-    session.reset();
-    SigninOption option = optionFor(port, secure);
-    JsonRef out = JsonRef::adopt(json_object());
-    json_t* reply = out.get();
-    auto begin = std::chrono::steady_clock::now();
-    try {
-        session.signin(reply, option);
-        ADD_FAILURE() << "sign-in succeeded";
-    } catch (const SessionException& e) {
-        EXPECT_EQ(e.message(), "signin fail");
-    }
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    return {seconds, session.status().failure};
-}
-
-}  // namespace
-
 TEST(SessionHostile, EndlessChunkedAnswerEndsAtTheSizeCap)
 {
     std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
@@ -109,14 +79,14 @@ TEST(SessionHostile, IpMustBeAnAddressOrAHostName)
 {
     for (const char* ip : {"127.0.0.1\r\nX-Injected: 1", "10.0.0.1 x", "", "nas\t01", "a..b"}) {
         try {
-            optionFor(443, false, ip);
+            signinOption(443, false, "secret", "admin", ip);
             ADD_FAILURE() << ip;
         } catch (const OptionException& e) {
             EXPECT_EQ(e.message(), "ip incorrect");
         }
     }
     for (const char* ip : {"10.0.0.1", "::1", "fe80::1", "nas-01.example.com", "localhost"})
-        EXPECT_EQ(optionFor(443, false, ip).ip, ip);
+        EXPECT_EQ(signinOption(443, false, "secret", "admin", ip).ip, ip);
 }
 
 // The device's answers are traced, but not the ids and tokens in them, nor the password.

@@ -4,7 +4,6 @@
 #include "tests/support/hostile.h"
 #include "tests/support/session.h"
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -15,24 +14,12 @@ using namespace Orvex::Test;
 
 namespace {
 
-// A loopback port nobody listens on.
+// A loopback port nobody listens on (any more).
 int closedPort()
 {
-    UniqueFd fd(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    ::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size);
-    ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size);
-    return ntohs(address.sin_port);
-}
-
-SigninOption optionFor(int port, bool secure, const std::string& pass = "secret")
-{
-    JsonRef args = JsonRef::adopt(json_pack("{ss si ss ss sb}", "ip", "127.0.0.1", "port", port, "user", "admin",
-                                            "pass", pass.c_str(), "secure", secure));
-    return SigninOption(args.get());
+    int port = 0;
+    loopbackSocket(SOCK_STREAM, port);
+    return port;
 }
 
 struct Observed {
@@ -78,13 +65,7 @@ TEST(SessionStatus, FailedSigninNamesTheCauseAndTheDevicePerFamily)
     observe(observed);
     for (const Case& c : cases) {
         Poco::AutoPtr<LogCapture> capture = captureLog();
-        Session& session = Session::getInstance();
-        session.reset();
-        SigninOption option = optionFor(c.port, c.secure, c.pass);
-        JsonRef out = JsonRef::adopt(json_object());
-        json_t* reply = out.get();
-        EXPECT_THROW(session.signin(reply, option), SessionException);
-        EXPECT_EQ(session.status().failure, c.cause) << c.port;
+        EXPECT_EQ(failedSignin(c.port, c.secure, c.pass).second, c.cause) << c.port;
         std::vector<SessionStatus> seen = observed.take();
         ASSERT_EQ(seen.size(), 1u);
         EXPECT_EQ(seen[0].failure, c.cause);
@@ -122,7 +103,7 @@ TEST(SessionStatus, ReadableFromAnotherThreadWhileTheSessionWorks)
     });
     for (int round = 0; round < 3; ++round) {
         session.reset();
-        SigninOption option = optionFor(device.port(), true);
+        SigninOption option = signinOption(device);
         JsonRef out = JsonRef::adopt(json_object());
         json_t* reply = out.get();
         session.signin(reply, option);

@@ -125,33 +125,3 @@ TEST(ZserviceChannel, BufferKeepsItsContentZeroTerminated)
     EXPECT_EQ(0, zs_io_alive(io));
     EXPECT_EQ(-1, zs_reply(io));
 }
-
-TEST(ZserviceChannel, NullArgumentsFailQuietly)
-{
-    EXPECT_EQ(nullptr, zs_create(nullptr, 4, 1, TestService::echo));
-    EXPECT_EQ(nullptr, zs_create(uniqueAddress("null").c_str(), 4, 1, nullptr));
-    EXPECT_EQ(nullptr, zs_create("", 4, 1, TestService::echo));
-    EXPECT_EQ(nullptr, zs_create("@", 4, 1, TestService::echo));
-    EXPECT_EQ(-1, zs_start(nullptr));
-    zs_stop(nullptr);
-    zs_free(nullptr);
-    EXPECT_EQ(-1, zs_signal(SIGUSR2, nullptr));
-    EXPECT_EQ(-1, zs_signal(0, [](int) {}));
-    EXPECT_EQ(-1, zs_signal(SIGKILL, [](int) {}));
-
-    EXPECT_STREQ("", zs_io_read(nullptr, 0));
-    EXPECT_EQ(0u, zs_io_size(nullptr));
-    EXPECT_EQ(-1, zs_io_realloc(nullptr, 1));
-    EXPECT_EQ(-1, zs_io_write(nullptr, "x", 1));
-    EXPECT_EQ(-1, zs_io_printf(nullptr, "x"));
-    EXPECT_EQ(0, zs_io_alive(nullptr));
-    EXPECT_EQ(-1, zs_reply(nullptr));
-    zs_io_free(nullptr);
-
-    Orvex::ZsIoPtr io = Orvex::makeZsIo();
-    EXPECT_EQ(-1, zs_io_write(io.get(), nullptr, 1));
-    EXPECT_EQ(0, zs_io_write(io.get(), nullptr, 0));
-    EXPECT_EQ(-1, zs_call(nullptr, "m", io.get(), 1, -1));
-    EXPECT_EQ(-1, zs_call(uniqueAddress("null").c_str(), nullptr, io.get(), 1, -1));
-    EXPECT_EQ(0u, zs_io_size(io.get()));
-}

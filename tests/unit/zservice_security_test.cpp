@@ -175,12 +175,13 @@ TEST(ZserviceCaps, AFloodOfIdleCallersLeavesDescriptorsForTheServicesOwnWork)
         close(fd);
 }
 
-TEST(ZsCallExit, AnErrorReplyExitsFourAndIsPrintedShortOrPretty)
+TEST(ZsCallExit, AnErrorReplyExitsFourAndJsonIsPrintedShortOrPrettyButOtherTextAsItCame)
 {
     TestService service([](const char* method, zs_io* io, int fd) {
         zs_io_realloc(io, 0);
-        zs_io_printf(io, "%s", strcmp(method, "bad") == 0 ? "{\"error_code\":403,\"error_message\":\"\"}"
-                                                           : "{\"error_code\":0,\"a\":[1]}");
+        zs_io_printf(io, "%s", strcmp(method, "bad") == 0    ? "{\"error_code\":403,\"error_message\":\"\"}"
+                               : strcmp(method, "text") == 0 ? "\nplain text\n"
+                                                             : "{\"error_code\":0,\"a\":[1]}");
         zs_reply(io);
         zs_io_free(io);
         if (fd >= 0)
@@ -192,6 +193,11 @@ TEST(ZsCallExit, AnErrorReplyExitsFourAndIsPrintedShortOrPretty)
     run = ::Orvex::Test::run({zsCallBinary(), "--json=pretty", service.address(), "good"});
     EXPECT_EQ(0, run.status);
     EXPECT_EQ("{\n  \"error_code\": 0,\n  \"a\": [\n    1\n  ]\n}\n", run.out);
+    run = ::Orvex::Test::run({zsCallBinary(), "--pretty", service.address(), "text"});
+    EXPECT_EQ("\nplain text\n", run.out);
+    // Compact as it came when not asked and not on a terminal.
+    run = ::Orvex::Test::run({zsCallBinary(), service.address(), "good"});
+    EXPECT_EQ("{\"error_code\":0,\"a\":[1]}\n", run.out);
     run = ::Orvex::Test::run({zsCallBinary(), "--json=long", service.address(), "good"});
     EXPECT_EQ(2, run.status);
     run = ::Orvex::Test::run({zsCallBinary(), "--version"});

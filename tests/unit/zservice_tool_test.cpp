@@ -73,21 +73,6 @@ TEST(ZsCallTool, SaysItWaitsWhenReadingJsonFromATerminal)
     EXPECT_EQ("echo:m:{\"t\":1}\n", run.out);
 }
 
-TEST(ZsCallTool, PrettyPrintsJsonRepliesAndLeavesOtherTextAlone)
-{
-    TestService service([](const char* method, zs_io* io, int fd) {
-        replyWith(io, fd, strcmp(method, "json") == 0 ? "{\"a\":1,\"b\":[true]}" : "\nplain text\n");
-    });
-    RunResult run = zsCall({"--pretty", service.address(), "json"});
-    EXPECT_EQ(0, run.status);
-    EXPECT_EQ("{\n  \"a\": 1,\n  \"b\": [\n    true\n  ]\n}\n", run.out);
-    run = zsCall({"--pretty", service.address(), "text"});
-    EXPECT_EQ("\nplain text\n", run.out);
-    // Compact as it came when not asked and not on a terminal.
-    run = zsCall({service.address(), "json"});
-    EXPECT_EQ("{\"a\":1,\"b\":[true]}\n", run.out);
-}
-
 TEST(ZsCallTool, FdHandsStandardOutputToTheService)
 {
     TestService service([](const char* method, zs_io* io, int fd) {

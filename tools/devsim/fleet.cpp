@@ -5,6 +5,7 @@
 #include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -30,6 +31,24 @@ Poco::Net::ServerSocket bindSocket(const Config& config)
     if (config.tls)
         return Poco::Net::SecureServerSocket(address, 128, makeServerContext(config));
     return Poco::Net::ServerSocket(address, 128);
+}
+
+// A TLS greeting (first byte 0x16, a handshake record) on a plain-HTTP port is answered
+// "400 Bad Request" at once, as a web server answers a request line it cannot parse.
+// The HTTP parser would otherwise wait for a line end that the greeting's random bytes
+// may never hold, and the client would see a time-out instead of a protocol mismatch.
+bool answeredTlsGreeting(const Poco::Net::StreamSocket& socket, int waitMs)
+{
+    const int fd = socket.impl()->sockfd();
+    pollfd p{fd, POLLIN, 0};
+    unsigned char first = 0;
+    if (::poll(&p, 1, waitMs) <= 0 || ::recv(fd, &first, 1, MSG_PEEK) != 1 || first != 0x16)
+        return false;
+    static const char kBadRequest[] = "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    if (::send(fd, kBadRequest, sizeof kBadRequest - 1, MSG_NOSIGNAL) < 0) {
+        // the client is gone already
+    }
+    return true;
 }
 
 }  // namespace
@@ -174,8 +193,12 @@ void Fleet::work(size_t slot)
         active_[slot] = pending.socket;
         lock.unlock();
         try {
-            Poco::Net::HTTPServerConnection connection(pending.socket, params_, members_[pending.device]->factory);
-            connection.run();
+            Member& member = *members_[pending.device];
+            if (member.device.config.tls ||
+                !answeredTlsGreeting(pending.socket, static_cast<int>(params_->getTimeout().totalMilliseconds()))) {
+                Poco::Net::HTTPServerConnection connection(pending.socket, params_, member.factory);
+                connection.run();
+            }
         } catch (const std::exception&) {
             // a broken connection ends only itself
         }

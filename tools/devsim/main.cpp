@@ -2,26 +2,19 @@
 // --devices N that many, over HTTP or HTTPS for tests, benchmarks and demos. See --help and
 // README.md.
 #include <Poco/Exception.h>
-#include <Poco/Net/HTTPServer.h>
-#include <Poco/Net/HTTPServerParams.h>
 #include <Poco/Net/SSLManager.h>
-#include <Poco/Net/SecureServerSocket.h>
-#include <Poco/Net/ServerSocket.h>
-#include <Poco/Net/SocketAddress.h>
-#include <Poco/ThreadPool.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
-#include <memory>
 #include <pthread.h>
 #include <thread>
 #include <unistd.h>
 
 #include "tools/devsim/fleet.h"
-#include "tools/devsim/handler.h"
 #include "tools/devsim/options.h"
-#include "tools/devsim/tls.h"
 
 using namespace Orvex::Devsim;
 
@@ -51,24 +44,6 @@ void watchStdin()
     }).detach();
 }
 
-Poco::Net::ServerSocket makeSocket(const Config& config)
-{
-    Poco::Net::SocketAddress address(config.host, config.port);
-    if (config.tls)
-        return Poco::Net::SecureServerSocket(address, 64, makeServerContext(config));
-    return Poco::Net::ServerSocket(address, 64);
-}
-
-Poco::Net::HTTPServerParams::Ptr serverParams()
-{
-    Poco::Net::HTTPServerParams::Ptr params = new Poco::Net::HTTPServerParams;
-    params->setMaxQueued(256);
-    params->setMaxThreads(32);
-    params->setKeepAlive(true);
-    params->setTimeout(Poco::Timespan(30, 0));
-    return params;
-}
-
 // Waits for SIGTERM/SIGINT (blocked in every thread, see main).
 void waitForStop(const Config& config)
 {
@@ -79,8 +54,10 @@ void waitForStop(const Config& config)
     sigwait(&set, &signal);
 }
 
-int serveFleet(const Config& config)
+// One device is a fleet of one: the same accept loop and workers serve it.
+int serve(Config config)
 {
+    config.devices = std::max(config.devices, 1);
     Fleet fleet(config);
     fleet.start();
     for (const auto& url : fleet.urls())
@@ -88,24 +65,6 @@ int serveFleet(const Config& config)
     std::cout << std::flush;
     waitForStop(config);
     fleet.stop();
-    return 0;
-}
-
-int serve(const Config& config)
-{
-    if (config.devices > 0)
-        return serveFleet(config);
-    RequestLog log(config.logFile);
-    Device device(config, log);
-    Poco::Net::ServerSocket socket = makeSocket(config);
-    Poco::ThreadPool pool(2, 32);
-    Poco::Net::HTTPServer server(new HandlerFactory(device), pool, socket, serverParams());
-    server.start();
-    std::cout << "orvex-devsim listening on " << (config.tls ? "https" : "http") << "://" << config.host << ":"
-              << socket.address().port() << std::endl;
-    waitForStop(config);
-    server.stopAll(true);
-    pool.joinAll();
     return 0;
 }
 
