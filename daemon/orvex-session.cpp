@@ -327,12 +327,15 @@ int run(int argc, char** argv)
     if (!options.debug)
         detach();
     setupLogging(options);
+    // The session (and with it OpenSSL) before the service: exit handlers run in reverse,
+    // so the service joins its worker threads while OpenSSL can still free what each
+    // thread holds, and OpenSSL's own clean-up comes last.
+    Session& session = Session::getInstance();
     Service::setServiceName(Paths::serviceName(options.mac));
     registerMethods();
     std::unique_ptr<LockFile> lock = takeLock(options);
     auto status = std::make_shared<StatusKeeper>(options.mac);
     connectBus(options.mac);
-    Session& session = Session::getInstance();
     observeSession(session, status);
     KeepAlive keepAlive(session, *status);
     Poco::Timer timer(kKeepAliveStartMs, kKeepAlivePeriodMs);
