@@ -269,6 +269,8 @@ bool parseArguments(int argc, char** argv, Settings& s, std::string& markdown)
             s.idleSeconds = std::max(1, std::atoi(value));
         else if (key == "--markdown")
             markdown = value;
+        else if (key == "--only")
+            s.only = value;
         else
             return false;
     }
@@ -276,8 +278,10 @@ bool parseArguments(int argc, char** argv, Settings& s, std::string& markdown)
 }
 
 template <typename F>
-void runPart(const char* name, F part, Report& report)
+void runPart(const Settings& s, const char* name, F part, Report& report)
 {
+    if (!s.only.empty() && s.only != name)
+        return;
     std::fprintf(stderr, "orvex_bench: %s...\n", name);
     try {
         part();
@@ -292,7 +296,7 @@ int run(int argc, char** argv)
     Settings s;
     std::string markdown;
     if (!parseArguments(argc, argv, s, markdown)) {
-        std::fputs("usage: orvex_bench [--seconds S] [--launches N] [--devices N] [--idle S] [--markdown FILE]\n",
+        std::fputs("usage: orvex_bench [--seconds S] [--launches N] [--devices N] [--idle S] [--only PART] [--markdown FILE]\n",
                    stderr);
         return 2;
     }
@@ -308,15 +312,15 @@ int run(int argc, char** argv)
     Report report;
     {
         Test::Devsim plain("token", false), tls("token", true);
-        runPart("bus", [&] { measureBus(s, plain, report); }, report);
-        runPart("device", [&] { measureDevice(s, plain, tls, report); }, report);
-        runPart("footprint", [&] { measureFootprint(s, tls, report); }, report);
-        runPart("start-up", [&] { measureStartup(s, report); }, report);
+        runPart(s, "bus", [&] { measureBus(s, plain, report); }, report);
+        runPart(s, "device", [&] { measureDevice(s, plain, tls, report); }, report);
+        runPart(s, "footprint", [&] { measureFootprint(s, tls, report); }, report);
+        runPart(s, "start-up", [&] { measureStartup(s, report); }, report);
     }
     Test::killSessions();
     for (int i = 1; i <= 5; ++i)  // so that orvexctl list sees the fleet alone
         unlink(Test::lockPath(format("02:00:00:00:00:%02d", i)).c_str());
-    runPart("fleet", [&] { measureFleet(s, report); }, report);
+    runPart(s, "fleet", [&] { measureFleet(s, report); }, report);
     Test::killSessions();
     const std::string text = format("Machine: %u CPUs; load average before %s, after %s. %.1f s per measured pair, "
                                     "alternating in 4 slices; fleet of %d devices, idle %d s.\n\n",

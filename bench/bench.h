@@ -73,6 +73,7 @@ struct Settings {
     int devices = 500;      // fleet
     int idleSeconds = 120;  // fleet idle phase: two keep-alive periods
     int parallel = 16;
+    std::string only;       // one part (bus, device, footprint, start-up, fleet), or all
     std::string self;       // this program, for its peers
 };
 

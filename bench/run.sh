@@ -7,7 +7,7 @@
 #   bench/run.sh            the full run (about 4 minutes: the fleet idles two 60 s
 #                           keep-alive periods)
 #   bench/run.sh --quick    a smoke run: short pairs, 50 devices, 10 s idle
-# Further arguments go to orvex_bench (--seconds S --launches N --devices N --idle S).
+# Further arguments go to orvex_bench (--seconds S --launches N --devices N --idle S --only PART).
 # Exit status: 0 when every goal passes, 1 when one fails, other values for set-up errors.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)

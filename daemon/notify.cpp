@@ -1,22 +1,45 @@
 #include "daemon/notify.h"
 
-#ifdef ORVEX_SYSTEMD
-#include <systemd/sd-daemon.h>
-#endif
+#include "common/raii.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 
 namespace Orvex {
 namespace Notify {
 
 namespace {
 
+// The service manager's notification protocol: one datagram of "KEY=value" lines to the
+// AF_UNIX socket named by NOTIFY_SOCKET ("@..." is an abstract name). Sent directly rather
+// than through libsystemd, which would load seven more shared libraries into every one
+// of a fleet's processes for these three messages. NOTIFY_SOCKET is kept: STATUS and
+// STOPPING follow READY.
 void send(const std::string& state)
 {
-#ifdef ORVEX_SYSTEMD
-    // Keeps NOTIFY_SOCKET: STATUS and STOPPING follow READY.
-    sd_notify(0, state.c_str());
-#else
-    (void)state;
-#endif
+    const char* path = std::getenv("NOTIFY_SOCKET");
+    if (path == nullptr || (path[0] != '/' && path[0] != '@'))
+        return;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t length = std::strlen(path);
+    if (length < 2 || length >= sizeof(address.sun_path))
+        return;
+    std::memcpy(address.sun_path, path, length);
+    if (path[0] == '@')
+        address.sun_path[0] = '\0';
+    UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd)
+        return;
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
+    if (::sendto(fd.get(), state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
+                 size) < 0) {
+        // Nobody to tell: the manager went away, or never listened.
+    }
 }
 
 }  // namespace

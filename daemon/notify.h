@@ -1,5 +1,5 @@
-// Notifications to a service manager (sd_notify), only when one started us with
-// NOTIFY_SOCKET set; otherwise, and in builds without libsystemd, each call does nothing.
+// Notifications to a service manager (the sd_notify protocol), only when one started us
+// with NOTIFY_SOCKET set; otherwise each call does nothing.
 #pragma once
 
 #include <string>

@@ -9,11 +9,13 @@
 // MAC, a lock held by another instance or any other start-up failure.
 #include <fcntl.h>
 #include <getopt.h>
+#include <malloc.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -29,9 +31,12 @@
 #include <Poco/Exception.h>
 #include <Poco/FormattingChannel.h>
 #include <Poco/Logger.h>
+#include <Poco/Message.h>
+#include <Poco/Mutex.h>
 #include <Poco/PatternFormatter.h>
 #include <Poco/SharedPtr.h>
 #include <Poco/Timer.h>
+#include <Poco/Timestamp.h>
 
 #include "common/misc.h"
 #include "common/paths.h"
@@ -58,6 +63,8 @@ constexpr long kKeepAlivePeriodMs = 60000;
 // The shutdown steps after SIGTERM (sign-out included, whose device exchanges are each
 // bounded) must end by then, or the process ends without them.
 constexpr unsigned kShutdownLimitSeconds = 30;
+// One reads and runs a call while the other keeps accepting and queueing.
+constexpr int kBusThreads = 2;
 
 const char* const kUsage =
     "usage: orvex-session -m|--mac MAC [-d|--debug] [-l|--level N]\n"
@@ -85,9 +92,17 @@ zs* g_bus = nullptr;
 
 }  // namespace
 
+void beginShutdown();
+
 void onSignal(int)
 {
+    beginShutdown();
     zs_stop(g_bus);
+}
+
+void onKeepAlive(void*)
+{
+    Service::getInstance().tick();
 }
 
 void onHandler(const char* method, zs_io* io, int fd)
@@ -182,12 +197,30 @@ Poco::AutoPtr<Poco::Channel> makeChannel(bool debug)
     }
 }
 
+// Stamps each line as it is written, one line at a time: lines that the process's two
+// loop threads log side by side then stand in the shared log in the order of their times.
+class InOrderChannel : public Poco::Channel {
+public:
+    explicit InOrderChannel(Poco::AutoPtr<Poco::Channel> next) : next_(std::move(next)) {}
+    void log(const Poco::Message& message) override
+    {
+        Poco::FastMutex::ScopedLock lock(mutex_);
+        Poco::Message stamped(message);
+        stamped.setTime(Poco::Timestamp());
+        next_->log(stamped);
+    }
+
+private:
+    Poco::AutoPtr<Poco::Channel> next_;
+    Poco::FastMutex mutex_;
+};
+
 void setupLogging(const Options& options)
 {
     Poco::AutoPtr<Poco::PatternFormatter> formatter(new Poco::PatternFormatter);
     formatter->setProperty("pattern", strformat(kLogPattern, options.mac.c_str()));
-    Poco::AutoPtr<Poco::FormattingChannel> channel(
-        new Poco::FormattingChannel(formatter, makeChannel(options.debug)));
+    Poco::AutoPtr<Poco::Channel> channel(new InOrderChannel(
+        Poco::AutoPtr<Poco::Channel>(new Poco::FormattingChannel(formatter, makeChannel(options.debug)))));
     Poco::Logger& root = Poco::Logger::root();
     root.setChannel(channel);
     root.setLevel(options.level);
@@ -293,11 +326,25 @@ void limitShutdown()
     alarm(kShutdownLimitSeconds);
 }
 
-void shutdown(Session& session, Poco::Timer& timer, StatusKeeper& status, std::unique_ptr<LockFile>& lock)
+}  // namespace
+
+// Once, from the signal or after the bus stopped otherwise: the calls still queued are
+// answered at once instead of run, and the whole shutdown is bounded from here on.
+void beginShutdown()
 {
+    static std::atomic<bool> begun{false};
+    if (begun.exchange(true))
+        return;
     Notify::stopping();
     limitShutdown();
     Service::getInstance().stop();
+}
+
+namespace {
+
+void shutdown(Session& session, StatusKeeper& status, std::unique_ptr<LockFile>& lock)
+{
+    beginShutdown();
     try {
         session.signout();
     } catch (const Poco::Exception& e) {
@@ -312,7 +359,6 @@ void shutdown(Session& session, Poco::Timer& timer, StatusKeeper& status, std::u
     status.remove();
     Poco::Logger::shutdown();
     lock.reset();
-    timer.stop();
 }
 
 int run(int argc, char** argv)
@@ -338,13 +384,19 @@ int run(int argc, char** argv)
     connectBus(options.mac);
     observeSession(session, status);
     KeepAlive keepAlive(session, *status);
+    // Calls run on the bus's two loop threads, so the one that reads a call runs it while
+    // the other serves the bus; the keep-alive ticks come from the bus's timer and run
+    // between the calls. The Poco timer only holds the schedule that alive() is given.
     Poco::Timer timer(kKeepAliveStartMs, kKeepAlivePeriodMs);
-    timer.start(Poco::TimerCallback<KeepAlive>(keepAlive, &KeepAlive::tick));
-    Service::getInstance().start();
+    Service& service = Service::getInstance();
+    service.runCallsOnBusThreads();
+    service.setTick([&keepAlive, &timer] { keepAlive.tick(timer); });
+    zs_timer(g_bus, int(timer.getStartInterval()), int(timer.getPeriodicInterval()), onKeepAlive, nullptr);
+    service.start();
     // The listening socket exists since connectBus: a caller from now on is served.
     Notify::ready();
-    zs_start(g_bus);
-    shutdown(session, timer, *status, lock);
+    zs_start_threads(g_bus, kBusThreads);
+    shutdown(session, *status, lock);
     return 0;
 }
 
@@ -354,6 +406,9 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    // One malloc arena: the worker thread's own arena would hold a few hundred KB of
+    // mostly empty pages per process, and a thousand processes run side by side.
+    mallopt(M_ARENA_MAX, 1);
     try {
         return Orvex::run(argc, argv);
     } catch (const Poco::Exception& e) {

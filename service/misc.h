@@ -65,7 +65,14 @@ inline void writeReplyDocument(zs_io* io, int fd, json_t* document)
 {
     if (fd < 0) {
         zs_io_realloc(io, 0);
-        json_dump_callback(document, &jsonWriteIoCallback, io, ORVEX_JSON_FLAGS);
+        // Most replies fit the stack buffer: one copy into the channel instead of one
+        // callback per token; a larger one is dumped again, straight into the channel.
+        char text[4096];
+        const size_t size = json_dumpb(document, text, sizeof text, ORVEX_JSON_FLAGS);
+        if (size <= sizeof text)
+            zs_io_write(io, text, size);
+        else
+            json_dump_callback(document, &jsonWriteIoCallback, io, ORVEX_JSON_FLAGS);
         return;
     }
     std::string text = ORVEX_REPLY_HEADER;

@@ -14,6 +14,7 @@
 #include <Poco/URI.h>
 
 #include <algorithm>
+#include <cstring>
 #include <unistd.h>
 
 namespace Orvex {
@@ -179,14 +180,31 @@ void Service::start()
     ORVEX_TRACE();
     logLine(Poco::Message::PRIO_INFORMATION, strformat("[%s] service pid(%d) start.", name_.c_str(), int(::getpid())));
     sort();
-    if (used(&boundedWorker_)) {
+    if (used(&boundedWorker_) && !boundedWorker_.isInline()) {
         boundedPool_ = std::make_unique<Poco::ThreadPool>(1, 32, 60);
         boundedPool_->start(boundedWorker_);
     }
-    if (used(&unboundedWorker_)) {
+    if (used(&unboundedWorker_) && !unboundedWorker_.isInline()) {
         unboundedPool_ = std::make_unique<Poco::ThreadPool>(1, 8, 60);
         unboundedPool_->start(unboundedWorker_);
     }
+}
+
+void Service::runCallsOnBusThreads()
+{
+    boundedWorker_.setInline(true);
+    unboundedWorker_.setInline(true);
+}
+
+void Service::setTick(std::function<void()> tick)
+{
+    unboundedWorker_.setTick(std::move(tick));
+}
+
+void Service::tick()
+{
+    unboundedWorker_.requestTick();
+    unboundedWorker_.drain();
 }
 
 bool Service::used(const AbstractWorker* worker) const
@@ -219,6 +237,16 @@ Endpoint* Service::findEndpoint(const char* method, json_t*& args)
     ORVEX_TRACE();
     if (method == nullptr)
         throw ResourceException("null ptr", 404);
+    // A plain method name that is a literal child: what the walk below would find, without
+    // splitting the name first.
+    if (std::strpbrk(method, "/ \t\r\n\f\v") == nullptr) {
+        auto literal = root_.children.find(method);
+        if (literal != root_.children.end()) {
+            if (literal->second.endpoint.isNull())
+                throw ResourceException(method, 404);
+            return literal->second.endpoint.get();
+        }
+    }
     Poco::StringTokenizer tokens(method, "/", kTokens);
     ResourceNode* node = &root_;
     for (const std::string& token : tokens) {
@@ -252,6 +280,7 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
     JsonRef args = JsonRef::adopt(readArguments(io));
     // The bus may keep the method name inside the channel, which the sync-false path frees.
     std::string name = method != nullptr ? method : "";
+    AbstractWorker* worker = nullptr;
     try {
         json_t* raw = args.get();
         Endpoint* endpoint = findEndpoint(method, raw);
@@ -267,12 +296,16 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
         }
         endpoint->worker->dispatch(endpoint, args.get(), name.c_str(), io, fd, bytes);
         args.release();  // the worker owns it now
+        worker = endpoint->worker;
     } catch (Poco::Exception& e) {
         failCall(io, fd, e.code(), e.message().c_str());
     } catch (...) {
         failCall(io, fd, 500, "");
         Poco::Bugcheck::unexpected(__FILE__, __LINE__);
     }
+    // Outside the try: the call belongs to the worker now, whatever happens next.
+    if (worker != nullptr)
+        worker->drain();
 }
 
 // Runs in a forked child: no trace, no singleton lock.

@@ -14,6 +14,7 @@
 #include <jansson.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -59,13 +60,21 @@ public:
     // Fills the help listing (every name but "help") grouped by what follows a 4-letter
     // verb; throws std::out_of_range for a name shorter than 4 characters.
     void sort();
+    // The WORKER_THREAD and WORKER_THREAD_LIMITED calls run on the threads that dispatch
+    // them (the bus's loop threads), each worker's one at a time, instead of on threads of
+    // their own: no hand-over between threads per call. Call before start().
+    void runCallsOnBusThreads();
+    // tick runs, on each tick(), between two WORKER_THREAD calls (never beside one) and
+    // never after stop(). Set it before start(); tick() may be called from any thread.
+    void setTick(std::function<void()> tick);
+    void tick();
     // Logs, sorts and starts the thread workers that registered endpoints use (an unused
     // one costs no thread). Register everything before; call once.
     void start();
     // Logs, then stops the thread workers: calls still queued are answered with error_code
     // PthreadWorker::kStoppedCode ("service stopped") instead of reaching the device after
-    // the shutdown; a call already running finishes. Call after the bus loop has returned.
-    // Worker threads end with the process.
+    // the shutdown; a call already running finishes. Safe beside dispatch. Worker threads
+    // end with the process.
     void stop();
 
     // Exact plain-name lookup; ResourceException(name, 404) if absent.

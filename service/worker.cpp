@@ -165,14 +165,14 @@ void PthreadWorker::dispatch(Endpoint* endpoint, json_t* args, const char* metho
 {
     ORVEX_TRACE();
     const char* name = method != nullptr ? method : "";
+    std::unique_lock<std::mutex> lock(dispatchMutex_);
     if (stopped_.load()) {
+        lock.unlock();
         refuse(args, io, fd, kStoppedCode, kStoppedMessage);
         return;
     }
     if (overBytes(bytes))
         dropGoneCallers();
-    // The checks and the enqueue lock separately: with one producer (the bus thread)
-    // the queue can only shrink in between.
     if (overBytes(bytes)) {
         ORVEX_WORKER_LOG(Poco::Message::PRIO_WARNING, "[PthreadWorker] queue holds %zu bytes: %s refused with 429",
             queuedBytes_.load(), name);
@@ -185,6 +185,7 @@ void PthreadWorker::dispatch(Endpoint* endpoint, json_t* args, const char* metho
         queue_.enqueueNotification(task, endpoint->ticktock);
         return;
     }
+    lock.unlock();
     refuse(args, io, fd, 429, "");
 }
 
@@ -216,7 +217,14 @@ void PthreadWorker::dropGoneCallers()
 void PthreadWorker::stop()
 {
     ORVEX_TRACE();
-    stopped_.store(true);
+    {
+        std::lock_guard<std::mutex> lock(dispatchMutex_);
+        stopped_.store(true);
+    }
+    {
+        // A tick already running finishes before what it uses is torn down.
+        std::lock_guard<std::mutex> wait(tickMutex_);
+    }
     auto queued = queue_.removeIf([](Poco::Notification* n) { return dynamic_cast<WorkerTask*>(n) != nullptr; });
     for (auto& notification : queued) {
         auto* task = static_cast<WorkerTask*>(notification.get());
@@ -225,30 +233,86 @@ void PthreadWorker::stop()
     }
 }
 
+namespace {
+
+// Asks the worker to run its tick; not a call, so stop() leaves it and it never ends run().
+class TickTask : public Poco::Notification {
+};
+
+}  // namespace
+
+void PthreadWorker::requestTick()
+{
+    queue_.enqueueUrgentNotification(new TickTask, TicktockQueue::TICK);
+}
+
+void PthreadWorker::runTick()
+{
+    std::lock_guard<std::mutex> running(tickMutex_);
+    if (stopped_.load() || !tick_)
+        return;
+    try {
+        tick_();
+    } catch (const Poco::Exception& e) {
+        ORVEX_WORKER_LOG(Poco::Message::PRIO_ERROR, "[PthreadWorker] tick: %s", e.message().c_str());
+    } catch (const std::exception& e) {
+        ORVEX_WORKER_LOG(Poco::Message::PRIO_ERROR, "[PthreadWorker] tick: %s", e.what());
+    }
+}
+
+bool PthreadWorker::runOne(Poco::Notification* notification)
+{
+    if (dynamic_cast<TickTask*>(notification) != nullptr) {
+        runTick();
+        return true;
+    }
+    WorkerTask* task = dynamic_cast<WorkerTask*>(notification);
+    if (task == nullptr)
+        return false;
+    queuedBytes_ -= task->bytes;
+    if (task->waitedAndCallerGone()) {
+        // Nobody waits for the answer any more: the call is not run.
+        releaseCall(task->args, task->fd, task->io);
+        return true;
+    }
+    try {
+        invoke(task->function, task->args, task->method.c_str(), task->io, task->fd);
+    } catch (...) {
+        // Only sending an error reply can throw here (the call is already released);
+        // the thread must survive it to serve the calls behind.
+        ORVEX_WORKER_LOG(Poco::Message::PRIO_FATAL, "[PthreadWorker] %s: error reply failed", task->method.c_str());
+    }
+    return true;
+}
+
 void PthreadWorker::run()
 {
     ORVEX_TRACE();
     mysql_thread_init();
     for (;;) {
         Poco::Notification::Ptr notification = queue_.waitDequeueNotification();
-        WorkerTask* task = dynamic_cast<WorkerTask*>(notification.get());
-        if (task == nullptr)
+        if (notification.isNull() || !runOne(notification.get()))
             break;
-        queuedBytes_ -= task->bytes;
-        if (task->waitedAndCallerGone()) {
-            // Nobody waits for the answer any more: the call is not run.
-            releaseCall(task->args, task->fd, task->io);
-            continue;
-        }
-        try {
-            invoke(task->function, task->args, task->method.c_str(), task->io, task->fd);
-        } catch (...) {
-            // Only sending an error reply can throw here (the call is already released);
-            // the thread must survive it to serve the calls behind.
-            ORVEX_WORKER_LOG(Poco::Message::PRIO_FATAL, "[PthreadWorker] %s: error reply failed", task->method.c_str());
-        }
     }
     mysql_thread_end();
+}
+
+// The thread that finds nothing left clears the flag, then looks once more: a call queued
+// by another thread after the last look but before the clearing is its to run.
+void PthreadWorker::drain()
+{
+    if (!inline_)
+        return;
+    for (;;) {
+        bool idle = false;
+        if (!draining_.compare_exchange_strong(idle, true))
+            return;
+        while (Poco::Notification::Ptr notification = queue_.dequeueNotification())
+            runOne(notification.get());
+        draining_.store(false);
+        if (queue_.size() == 0)
+            return;
+    }
 }
 
 void PthreadWorker::wakeUpAll()

@@ -19,6 +19,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <mutex>
 #include <string>
 
 namespace Orvex {
@@ -42,6 +44,10 @@ public:
     // Runs the handler and finishes the call (exception -> error reply, then release).
     // A SessionException ends the whole process with _exit(0) after its reply.
     void invoke(Function function, json_t* args, const char* method, zs_io* io, int fd);
+
+    // For a worker whose calls run on the threads that dispatch them: runs what is queued
+    // on the calling thread. Others have nothing to do here.
+    virtual void drain() {}
 
 protected:
     // Workers are members of the service, never deleted through this base.
@@ -73,7 +79,8 @@ protected:
     ~WorkerTask() override = default;
 };
 
-// Queues calls for the one thread that runs it (start it once on a pool). A non-zero
+// Queues calls for the one thread that runs it (start it once on a pool), or, run
+// inline, for whichever dispatching thread drains it, one at a time. A non-zero
 // limit refuses a call with 429 once that many are waiting; so does a queue holding more
 // than kMaxQueuedBytes of call bodies after the calls whose callers hung up are dropped.
 // A call whose caller hung up while it waited is dropped instead of run. dispatch runs on
@@ -90,6 +97,17 @@ public:
 
     void dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd,
                   size_t bytes = 0) override;
+    // Calls run on the threads that dispatch them instead (see drain); set before use.
+    void setInline(bool on) { inline_ = on; }
+    bool isInline() const { return inline_; }
+    // Inline: runs queued calls, and ticks, on the calling thread until none is left,
+    // unless another thread is already doing so (that one takes them): never two at once.
+    void drain() override;
+    // What requestTick runs, between two calls; set before use.
+    void setTick(std::function<void()> tick) { tick_ = std::move(tick); }
+    // Queues one run of the tick ahead of the waiting calls; it runs on the worker's
+    // thread (or the next drain), never beside a call and never after stop().
+    void requestTick();
     // Takes calls until woken by wakeUpAll or handed a notification that is no call.
     void run() override;
     // Releases a thread blocked in run; calls still queued are never run.
@@ -97,11 +115,14 @@ public:
     // Makes run return after the calls taken before it (used when the owner goes away).
     void finish();
     // Refuses every call from now on and answers those still queued with kStoppedCode and
-    // kStoppedMessage; the call running now finishes. Call it once the bus loop has
-    // stopped, so no dispatch runs at the same time.
+    // kStoppedMessage; the call running now finishes, a tick running now is waited for.
+    // Safe beside dispatch.
     void stop();
 
 private:
+    // Runs one taken notification: false for one that ends run().
+    bool runOne(Poco::Notification* notification);
+    void runTick();
     bool overBytes(size_t bytes) const;
     void dropGoneCallers();
     void refuse(json_t* args, zs_io* io, int fd, int code, const char* message);
@@ -110,6 +131,11 @@ private:
     std::atomic<size_t> queuedBytes_{0};
     std::atomic<bool> stopped_{false};
     TicktockQueue queue_;
+    std::mutex dispatchMutex_;  // the length check and the enqueue, for several dispatchers
+    bool inline_ = false;
+    std::atomic<bool> draining_{false};
+    std::function<void()> tick_;
+    std::mutex tickMutex_;  // held while the tick runs, so stop() can wait for it
 };
 
 // Runs each call in a grandchild process (double fork): nobody has to reap it and the

@@ -452,8 +452,6 @@ bool headerSafe(const std::string& value)
     });
 }
 
-TlsClient::TlsClient() : modern_(makeContext()), legacy_(makeTls11Context()) {}
-
 TlsClient::~TlsClient()
 {
     keep(nullptr);
@@ -470,7 +468,10 @@ void TlsClient::usePeer(const std::string& peer)
 
 SSL_CTX* TlsClient::context(bool tls11) const
 {
-    return tls11 ? legacy_->sslContext() : modern_->sslContext();
+    Context::Ptr& context = tls11 ? legacy_ : modern_;
+    if (context.isNull())
+        context = tls11 ? makeTls11Context() : makeContext();
+    return context->sslContext();
 }
 
 void TlsClient::keep(SSL_SESSION* session)

@@ -50,7 +50,7 @@ private:
 // refuses its signatures otherwise); TLS 1.0 and older stay refused.
 class TlsClient {
 public:
-    TlsClient();
+    TlsClient() = default;
     ~TlsClient();
     TlsClient(const TlsClient&) = delete;
     TlsClient& operator=(const TlsClient&) = delete;
@@ -65,8 +65,9 @@ public:
     void keep(SSL_SESSION* session);
 
 private:
-    Poco::Net::Context::Ptr modern_;
-    Poco::Net::Context::Ptr legacy_;
+    // Made on first use: a plain-HTTP device needs neither, most devices never the second.
+    mutable Poco::Net::Context::Ptr modern_;
+    mutable Poco::Net::Context::Ptr legacy_;
     SSL_SESSION* resumable_ = nullptr;
     std::string peer_;
     bool tls11_ = false;

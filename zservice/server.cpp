@@ -1,6 +1,9 @@
 // The service side: one epoll loop that accepts callers, collects their call frames
 // side by side (a slow caller only costs its own few bytes of state) and hands each
-// complete call to the handler on the loop thread.
+// complete call to the handler on the loop thread. Several threads may run the loop on
+// one epoll set: each wake-up takes one event under the bus's lock, and a completed call's
+// handler runs on the thread that read it, without the lock, so the call needs no
+// hand-over to another thread while the others keep serving the bus.
 #include "zservice/internal.h"
 
 #include <signal.h>
@@ -16,7 +19,9 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <thread>
 #include <vector>
 
 using namespace Orvex::Bus;
@@ -32,6 +37,7 @@ constexpr uint64_t kFirstCaller = 16;
 constexpr int64_t kNoDeadline = INT64_MAX;
 constexpr int64_t kAcceptPauseMs = 100;  // after EMFILE: retry instead of spinning
 constexpr size_t kScratchSize = 65536;
+constexpr int kMaxEvents = 64;
 constexpr int kMaxRecvRounds = 16;       // per wake-up, so one fast sender cannot hog the loop
 constexpr size_t kMaxPassedFds = 8;      // control room per recvmsg; more is truncation
 constexpr int64_t kCapPauseMs = 10;      // at the open-call cap: look again this soon
@@ -74,6 +80,12 @@ struct Caller {
 
 enum class Step { More, Complete, Drop };
 
+// A complete call on its way to the handler.
+struct ReadyCall {
+    zs_io* io;
+    int fd;
+};
+
 }  // namespace
 
 struct zs {
@@ -92,7 +104,20 @@ struct zs {
     int64_t acceptPausedUntil = -1;
     long maxOpenCalls = kMaxOpenCalls;
     std::atomic<bool> running{false};
-    std::vector<char> scratch;
+    // Loop threads take one event at a time under this lock; handlers run without it.
+    std::mutex mutex;
+    std::vector<ReadyCall> ready;  // completed under the lock, handed over after it
+    std::atomic<bool> stopping{false};
+    int serving = 0;  // loop threads still running, under mutex
+    void (*timerCallback)(void*) = nullptr;
+    void* timerArg = nullptr;
+    int64_t timerFirstMs = 0;
+    int64_t timerPeriodMs = 0;
+    int64_t timerDue = kNoDeadline;
+    bool timerRunning = false;  // its callback is running on some loop thread
+    bool oneShot = false;       // several loop threads: see arm()
+    // Not zeroed: an idle process then keeps only the pages that calls were received into.
+    std::unique_ptr<char[]> scratch;
 
     zs() = default;
     zs(const zs&) = delete;
@@ -180,7 +205,7 @@ bool takeDescriptors(Caller& c, msghdr& msg)
 Step receive(zs* bus, Caller& c)
 {
     for (int round = 0; round < kMaxRecvRounds; ++round) {
-        iovec iov{bus->scratch.data(), bus->scratch.size()};
+        iovec iov{bus->scratch.get(), kScratchSize};
         alignas(cmsghdr) char control[CMSG_SPACE(kMaxPassedFds * sizeof(int))];
         msghdr msg{};
         msg.msg_iov = &iov;
@@ -194,7 +219,7 @@ Step receive(zs* bus, Caller& c)
             return (errno == EAGAIN || errno == EWOULDBLOCK) ? Step::More : Step::Drop;
         if (!takeDescriptors(c, msg) || n == 0)
             return Step::Drop;
-        const Step step = feed(c, bus->scratch.data(), static_cast<size_t>(n));
+        const Step step = feed(c, bus->scratch.get(), static_cast<size_t>(n));
         if (step != Step::More)
             return step;
     }
@@ -232,7 +257,18 @@ void handOver(zs* bus, uint64_t id)
     c.body = nullptr;
     c.fd = c.passedFd = -1;
     bus->callers.erase(it);
-    bus->handler(io->method.c_str(), io, fd);
+    bus->ready.push_back(ReadyCall{io, fd});
+}
+
+// With several loop threads, callers and the listener are watched one-shot: an event
+// wakes one thread only, and is armed again once that thread has taken what it needed
+// (level-triggered, a readable socket would wake every waiting thread).
+bool arm(zs* bus, int op, int fd, uint64_t tag, uint32_t events)
+{
+    epoll_event ev{};
+    ev.events = events | (bus->oneShot ? uint32_t(EPOLLONESHOT) : 0u);
+    ev.data.u64 = tag;
+    return epoll_ctl(bus->epollFd, op, fd, &ev) == 0;
 }
 
 void serve(zs* bus, uint64_t id)
@@ -243,7 +279,7 @@ void serve(zs* bus, uint64_t id)
     const Step step = receive(bus, *it->second);
     if (step == Step::Complete)
         handOver(bus, id);
-    else if (step == Step::Drop)
+    else if (step == Step::Drop || (bus->oneShot && !arm(bus, EPOLL_CTL_MOD, it->second->fd, id, EPOLLIN | EPOLLRDHUP)))
         drop(bus, id);
 }
 
@@ -269,26 +305,22 @@ void addCaller(zs* bus, int fd)
     const Step step = receive(bus, c);
     if (step == Step::Complete)
         return handOver(bus, id);
-    epoll_event ev{};
-    ev.events = EPOLLIN | EPOLLRDHUP;
-    ev.data.u64 = id;
-    c.watched = step == Step::More && epoll_ctl(bus->epollFd, EPOLL_CTL_ADD, fd, &ev) == 0;
+    c.watched = step == Step::More && arm(bus, EPOLL_CTL_ADD, fd, id, EPOLLIN | EPOLLRDHUP);
     if (!c.watched)
         drop(bus, id);  // the caller's destructor closes fd
 }
 
 void setAccepting(zs* bus, bool on, int64_t pauseMs = kAcceptPauseMs)
 {
-    epoll_event ev{};
-    ev.events = on ? uint32_t(EPOLLIN) : 0u;
-    ev.data.u64 = kListener;
-    epoll_ctl(bus->epollFd, EPOLL_CTL_MOD, bus->listenFd, &ev);
+    arm(bus, EPOLL_CTL_MOD, bus->listenFd, kListener, on ? uint32_t(EPOLLIN) : 0u);
     bus->acceptPausedUntil = on ? -1 : nowMs() + pauseMs;
 }
 
-void acceptCallers(zs* bus)
+// With several loop threads, stops after the first complete call: its handler runs
+// before the next is taken, and the rest are left to the other threads.
+void acceptSome(zs* bus)
 {
-    for (int i = 0; i < 64; ++i) {
+    for (int i = 0; i < 64 && !(bus->oneShot && !bus->ready.empty()); ++i) {
         if (openCalls().load(std::memory_order_relaxed) >= bus->maxOpenCalls) {
             // Those waiting stay in the listen queue until calls end.
             setAccepting(bus, false, kCapPauseMs);
@@ -310,12 +342,20 @@ void acceptCallers(zs* bus)
     }
 }
 
+void acceptCallers(zs* bus)
+{
+    acceptSome(bus);
+    if (bus->oneShot && bus->acceptPausedUntil < 0)
+        setAccepting(bus, true);
+}
+
 // Callers out of time get one last read (the loop may have been busy in a handler
-// while their frame arrived), then go.
+// while their frame arrived), then go; several threads take one complete call at a time.
 void expireCallers(zs* bus)
 {
     const int64_t now = nowMs();
-    while (!bus->callers.empty() && bus->callers.begin()->second->deadline <= now) {
+    while (!bus->callers.empty() && bus->callers.begin()->second->deadline <= now &&
+           !(bus->oneShot && !bus->ready.empty())) {
         const uint64_t id = bus->callers.begin()->first;
         if (receive(bus, *bus->callers.begin()->second) == Step::Complete)
             handOver(bus, id);
@@ -328,50 +368,97 @@ void expireCallers(zs* bus)
 
 // ---- the loop ---------------------------------------------------------------------------
 
+// A timer tick that is due, claimed for the calling thread (the deadline moves on at a
+// fixed rate, so a late tick does not shift the ones after it).
+bool claimTimer(zs* bus)
+{
+    const int64_t now = nowMs();
+    if (!bus->timerCallback || bus->timerRunning || bus->timerDue > now)
+        return false;
+    while (bus->timerDue <= now)
+        bus->timerDue += bus->timerPeriodMs;
+    bus->timerRunning = true;
+    return true;
+}
+
+void runTimer(zs* bus)
+{
+    bus->timerCallback(bus->timerArg);
+    std::lock_guard<std::mutex> lock(bus->mutex);
+    bus->timerRunning = false;
+}
+
 int nextTimeout(const zs* bus)
 {
     int64_t deadline = bus->callers.empty() ? kNoDeadline : bus->callers.begin()->second->deadline;
     if (bus->acceptPausedUntil >= 0)
         deadline = std::min(deadline, bus->acceptPausedUntil);
+    if (bus->timerCallback && !bus->timerRunning)
+        deadline = std::min(deadline, bus->timerDue);
     if (deadline == kNoDeadline)
         return -1;
     const int64_t left = deadline - nowMs();
     return left <= 0 ? 0 : static_cast<int>(std::min<int64_t>(left, 1000000));
 }
 
-// True when a stop was requested.
-bool handleEvent(zs* bus, const epoll_event& ev)
+// What a wake-up found that must run without the lock.
+struct Outside {
+    bool signals = false;
+    bool timer = false;
+};
+
+// Under the lock. The stop event is left unread, so that every loop thread sees it.
+void handleEvent(zs* bus, const epoll_event& ev, Outside& outside)
 {
     switch (ev.data.u64) {
     case kListener:
         acceptCallers(bus);
-        return false;
-    case kStop: {
-        uint64_t count;
-        return read(bus->stopFd, &count, sizeof(count)) == sizeof(count);
-    }
+        break;
+    case kStop:
+        bus->stopping.store(true);
+        break;
     case kSignals:
-        runPendingSignals(bus->signalFd);
-        return false;
+        outside.signals = true;
+        break;
     default:
         serve(bus, ev.data.u64);
-        return false;
+        break;
     }
 }
 
 int runLoop(zs* bus)
 {
-    epoll_event events[64];
+    std::vector<ReadyCall> ready;
     for (;;) {
-        const int n = epoll_wait(bus->epollFd, events, 64, nextTimeout(bus));
+        int timeout;
+        {
+            std::lock_guard<std::mutex> lock(bus->mutex);
+            timeout = nextTimeout(bus);
+        }
+        // Several threads: one event per wake-up, so that a thread busy in a handler holds
+        // up no other event.
+        epoll_event events[kMaxEvents];
+        const int n = epoll_wait(bus->epollFd, events, bus->oneShot ? 1 : kMaxEvents, timeout);
         if (n < 0 && errno != EINTR)
             return -1;
-        bool stop = false;
-        for (int i = 0; i < n; ++i)
-            stop = handleEvent(bus, events[i]) || stop;
-        if (stop)
+        Outside outside;
+        {
+            std::lock_guard<std::mutex> lock(bus->mutex);
+            for (int i = 0; i < n; ++i)
+                handleEvent(bus, events[i], outside);
+            expireCallers(bus);
+            outside.timer = claimTimer(bus);
+            ready.swap(bus->ready);
+        }
+        if (outside.signals)
+            runPendingSignals(bus->signalFd);
+        for (const ReadyCall& call : ready)
+            bus->handler(call.io->method.c_str(), call.io, call.fd);
+        ready.clear();
+        if (outside.timer)
+            runTimer(bus);
+        if (bus->stopping.load())
             return 0;
-        expireCallers(bus);
     }
 }
 
@@ -430,7 +517,7 @@ bool openService(zs* bus)
         return false;
     bus->epollFd = epoll_create1(EPOLL_CLOEXEC);
     bus->stopFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    return bus->epollFd >= 0 && bus->stopFd >= 0 && watch(bus->epollFd, bus->listenFd, kListener) &&
+    return bus->epollFd >= 0 && bus->stopFd >= 0 && arm(bus, EPOLL_CTL_ADD, bus->listenFd, kListener, EPOLLIN) &&
            watch(bus->epollFd, bus->stopFd, kStop);
 }
 
@@ -462,29 +549,83 @@ zs* zs_create(const char* address, int recv_timeout_s, int peer_policy, zs_handl
                 removeSocketFile(bus.get());
             return nullptr;
         }
-        bus->scratch.resize(kScratchSize);
+        bus->scratch.reset(new char[kScratchSize]);
         return bus.release();
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
 }
 
+namespace {
+
+int serveLoop(zs* bus)
+{
+    int result = -1;
+    try {
+        result = runLoop(bus);
+    } catch (const std::bad_alloc&) {
+        result = -1;
+    }
+    // A thread that ends by error stops the others too.
+    if (result != 0)
+        zs_stop(bus);
+    std::lock_guard<std::mutex> lock(bus->mutex);
+    if (--bus->serving == 0) {
+        // The last one out consumes the stop, so the bus can be started again.
+        uint64_t count;
+        if (read(bus->stopFd, &count, sizeof(count)) < 0) {
+            // No stop pending: this thread ended by error.
+        }
+        bus->stopping.store(false);
+    }
+    return result;
+}
+
+}  // namespace
+
 int zs_start(zs* bus)
 {
-    if (!bus || bus->running.exchange(true))
+    return zs_start_threads(bus, 1);
+}
+
+int zs_start_threads(zs* bus, int threads)
+{
+    if (!bus || threads < 1 || threads > 16 || bus->running.exchange(true))
         return -1;
     int result = -1;
     bus->signalFd = signalPipeForLoop();
     if (bus->signalFd >= 0 && watch(bus->epollFd, bus->signalFd, kSignals)) {
-        try {
-            result = runLoop(bus);
-        } catch (const std::bad_alloc&) {
-            result = -1;
+        {
+            std::lock_guard<std::mutex> lock(bus->mutex);
+            bus->serving = threads;
+            bus->oneShot = threads > 1;
+            if (bus->acceptPausedUntil < 0)
+                setAccepting(bus, true);
+            if (bus->timerCallback)
+                bus->timerDue = nowMs() + bus->timerFirstMs;
         }
+        std::vector<std::thread> others;
+        for (int i = 1; i < threads; ++i)
+            others.emplace_back([bus] { serveLoop(bus); });
+        result = serveLoop(bus);
+        for (std::thread& thread : others)
+            thread.join();
         epoll_ctl(bus->epollFd, EPOLL_CTL_DEL, bus->signalFd, nullptr);
     }
     bus->running.store(false);
     return result;
+}
+
+int zs_timer(zs* bus, int first_ms, int period_ms, void (*callback)(void*), void* arg)
+{
+    if (!bus || !callback || first_ms < 0 || period_ms <= 0 || bus->running.load())
+        return -1;
+    std::lock_guard<std::mutex> lock(bus->mutex);
+    bus->timerCallback = callback;
+    bus->timerArg = arg;
+    bus->timerFirstMs = first_ms;
+    bus->timerPeriodMs = period_ms;
+    return 0;
 }
 
 void zs_stop(zs* bus)

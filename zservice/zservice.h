@@ -35,9 +35,18 @@ zs *zs_create(const char *address, int recv_timeout_s, int peer_policy, zs_handl
 /* Serves on the calling thread until zs_stop: 0 after a stop, -1 on error or NULL bus.
  * The handler owns io (zs_io_free) and fd (close) once called. */
 int zs_start(zs *bus);
+/* zs_start on `threads` threads (1..16): the calling one and threads - 1 more that it
+ * starts, and joins before it returns. Each wake-up takes one event; a call's handler runs
+ * on the thread that read the call, holding no lock of the bus, so while one thread is in
+ * a handler the others go on accepting and reading. The handler must be thread-safe. */
+int zs_start_threads(zs *bus, int threads);
+/* Runs callback(arg) on a loop thread first_ms after the loop starts, then every
+ * period_ms (fixed rate), never on two threads at once. Set it before zs_start; one
+ * timer per service. */
+int zs_timer(zs *bus, int first_ms, int period_ms, void (*callback)(void *), void *arg);
 /* Thread-safe and async-signal-safe. */
 void zs_stop(zs *bus);
-/* Process-wide; callback runs on the loop thread of the running zs_start. */
+/* Process-wide; callback runs on a loop thread of the running zs_start. */
 int zs_signal(int signo, void (*callback)(int));
 /* Closes the listening socket (removing a filesystem socket) and frees the service. */
 void zs_free(zs *bus);

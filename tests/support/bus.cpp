@@ -35,12 +35,12 @@ BusReply busCall(const std::string& address, const std::string& method, const st
     return reply;
 }
 
-ServedBus::ServedBus(const std::string& address, zs_handler handler, int recvTimeout, int policy)
+ServedBus::ServedBus(const std::string& address, zs_handler handler, int recvTimeout, int policy, int threads)
     : address_(address)
 {
     bus_ = zs_create(address_.c_str(), recvTimeout, policy, handler);
     if (bus_)
-        loop_ = std::thread([this] { result_ = zs_start(bus_); });
+        loop_ = std::thread([this, threads] { result_ = zs_start_threads(bus_, threads); });
 }
 
 ServedBus::~ServedBus()

@@ -27,10 +27,12 @@ BusReply busCall(const std::string& address, const std::string& method, const st
 // "@orvex-test-<pid>-<n>-<tag>": parallel test runs never share a name.
 std::string uniqueAddress(const char* tag);
 
-// zs_create + zs_start on a thread of its own; zs_stop, join and zs_free at destruction.
+// zs_create + zs_start_threads on a thread of its own; zs_stop, join and zs_free at
+// destruction.
 class ServedBus {
 public:
-    ServedBus(const std::string& address, zs_handler handler, int recvTimeout = 4, int policy = 0);
+    ServedBus(const std::string& address, zs_handler handler, int recvTimeout = 4, int policy = 0,
+              int threads = 1);
     // On a fresh private address.
     explicit ServedBus(zs_handler handler) : ServedBus(uniqueAddress("bus"), handler) {}
     ~ServedBus();

@@ -15,9 +15,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 using namespace Orvex;
 using Orvex::Test::BusReply;
@@ -204,4 +206,65 @@ TEST(Invoke, IdleWorkerReturnsFromRunOnceWokenUp)
         return thread.tryJoin(10);
     }, std::chrono::seconds(5));
     ASSERT_TRUE(ended) << "an idle worker kept waiting after wakeUpAll";
+}
+
+namespace {
+
+std::mutex inlineMutex;
+std::vector<std::string> inlineOrder;
+std::vector<std::thread::id> inlineThreads;
+std::atomic<int> inlineRunning{0};
+Poco::Event inlineEntered;
+Poco::Event inlineReleased(Poco::Event::EVENT_MANUALRESET);
+
+void record(const std::string& what)
+{
+    std::lock_guard<std::mutex> lock(inlineMutex);
+    inlineOrder.push_back(what);
+    inlineThreads.push_back(std::this_thread::get_id());
+}
+
+void inlineCall(zs_io*, json_t*& args, int&)
+{
+    EXPECT_EQ(1, ++inlineRunning) << "two calls ran at once";
+    const std::string name = json_string_value(json_object_get(args, "name"));
+    if (name == "first") {
+        inlineEntered.set();
+        inlineReleased.wait();
+    }
+    record(name);
+    --inlineRunning;
+}
+
+}  // namespace
+
+TEST(InlineWorker, CallsRunOnTheDrainingThreadOneAtATimeInTickTockOrderWithTheTickBetween)
+{
+    PthreadWorker worker;
+    worker.setInline(true);
+    worker.setTick([] { record("tick"); });
+    Endpoint reading{true, "", &worker, &inlineCall, TicktockQueue::TICK};
+    Endpoint changing{true, "", &worker, &inlineCall, TicktockQueue::TOCK};
+    auto call = [&worker](Endpoint& endpoint, const char* name) {
+        worker.dispatch(&endpoint, json_pack("{ss}", "name", name), name, zs_io_create(), -1);
+        worker.drain();
+    };
+    std::thread leader([&] { call(changing, "first"); });
+    inlineEntered.wait();
+    // Queued behind "first": these dispatches return at once, the leader runs them.
+    call(reading, "r1");
+    call(reading, "r2");
+    call(changing, "w1");
+    call(changing, "w2");
+    worker.requestTick();
+    worker.drain();
+    inlineReleased.set();
+    leader.join();
+    EXPECT_EQ((std::vector<std::string>{"first", "tick", "w1", "r1", "w2", "r2"}), inlineOrder);
+    for (const std::thread::id& id : inlineThreads)
+        EXPECT_EQ(inlineThreads.front(), id);
+    worker.stop();
+    worker.requestTick();
+    worker.drain();
+    EXPECT_EQ(6u, inlineOrder.size()) << "a tick ran after stop";
 }

@@ -14,10 +14,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 using namespace Orvex::Test;
@@ -268,4 +270,68 @@ TEST(ZserviceSignal, SignalBeforeTheLoopStartsIsHandledOnceItRuns)
     EXPECT_EQ(SIGTERM, callbackSignal.load());
     zs_free(bus);
     signal(SIGTERM, SIG_DFL);
+}
+
+namespace {
+
+std::atomic<bool> waitReleased{false};
+std::atomic<bool> waitEntered{false};
+
+void waitOrEcho(const char* method, zs_io* io, int fd)
+{
+    if (strcmp(method, "wait") == 0) {
+        waitEntered = true;
+        while (!waitReleased)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    TestService::echo(method, io, fd);
+}
+
+struct Ticks {
+    std::atomic<int> count{0};
+    std::atomic<int> inside{0};
+    std::atomic<int> overlaps{0};
+};
+
+void slowTick(void* arg)
+{
+    auto* ticks = static_cast<Ticks*>(arg);
+    if (++ticks->inside > 1)
+        ++ticks->overlaps;
+    ++ticks->count;
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // longer than the period
+    --ticks->inside;
+}
+
+}  // namespace
+
+TEST(ZserviceThreads, AHandlerThatWaitsHoldsUpNeitherOtherCallersNorTheStop)
+{
+    ServedBus served(uniqueAddress("threads"), waitOrEcho, 4, 0, 2);
+    ASSERT_TRUE(served.ok());
+    std::thread waiting([&] { EXPECT_EQ("echo:wait:", served.call("wait").body); });
+    while (!waitEntered)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ("echo:quick:{}", served.call("quick", "{}").body);
+    waitReleased = true;
+    waiting.join();
+    EXPECT_EQ(0, served.stop());
+}
+
+TEST(ZserviceThreads, TheTimerKeepsItsPeriodAndNeverRunsTwiceAtOnce)
+{
+    const std::string address = uniqueAddress("timer");
+    zs* bus = zs_create(address.c_str(), 4, 0, TestService::echo);
+    ASSERT_NE(nullptr, bus);
+    Ticks ticks;
+    ASSERT_EQ(0, zs_timer(bus, 0, 10, slowTick, &ticks));
+    std::thread loop([bus] { EXPECT_EQ(0, zs_start_threads(bus, 2)); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_EQ("echo:m:", busCall(address, "m", "").body);  // served beside the timer
+    zs_stop(bus);
+    loop.join();
+    zs_free(bus);
+    EXPECT_GE(ticks.count.load(), 5);
+    EXPECT_EQ(0, ticks.overlaps.load());
 }
