@@ -53,7 +53,6 @@ struct Memory {
 };
 Memory memoryOf(pid_t pid);
 long threadsOf(pid_t pid);
-double cpuSecondsOf(pid_t pid);  // utime + stime from /proc/PID/stat (clock ticks)
 // Run time of the live threads from their schedstat: exact, for short windows.
 double runSecondsOf(pid_t pid);
 std::string loadAverage();

@@ -158,13 +158,15 @@ void measureFleet(const Settings& s, Report& report)
             pids.push_back(pid);
             pss.push_back(static_cast<double>(memoryOf(pid).pssKb));
             threads.push_back(static_cast<double>(threadsOf(pid)));
-            cpu.push_back(cpuSecondsOf(pid));
+            cpu.push_back(runSecondsOf(pid));
         }
     if (static_cast<int>(pids.size()) != n)
         report.note(format("fleet: %zu of %d session processes running after the changes", pids.size(), n));
 
-    // Idle: the CPU every session process uses over two keep-alive periods.
-    const double simBefore = cpuSecondsOf(devsim.pid());
+    // Idle: the CPU every session process uses over two keep-alive periods, from the
+    // threads' run times (a tick costs about a millisecond, far below the clock-tick
+    // resolution of utime and stime).
+    const double simBefore = runSecondsOf(devsim.pid());
     const auto idleStart = Clock::now();
     std::this_thread::sleep_for(std::chrono::seconds(s.idleSeconds));
     const double idle = since(idleStart);
@@ -173,11 +175,11 @@ void measureFleet(const Settings& s, Report& report)
     for (size_t i = 0; i < pids.size(); ++i)
         if (kill(pids[i], 0) == 0) {
             ++alive;
-            used += cpuSecondsOf(pids[i]) - cpu[i];
+            used += runSecondsOf(pids[i]) - cpu[i];
         }
     report.row(format("fleet idle CPU, %d s (%% of one core)", s.idleSeconds), format("%zu daemons", alive),
                single(100 * used / idle), "the simulator answering their keep-alive checks",
-               single(100 * (cpuSecondsOf(devsim.pid()) - simBefore) / idle));
+               single(100 * (runSecondsOf(devsim.pid()) - simBefore) / idle));
     report.goal(format("fleet idle CPU, %d sessions, %d s idle <= 1 %% of one core", n, s.idleSeconds),
                 pids.empty() || alive != pids.size() ? NAN : 100 * used / idle, 1, true,
                 format("%.2f CPU-s in %.0f s; %zu of %zu sessions alive after it", used, idle, alive, pids.size()));

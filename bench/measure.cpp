@@ -178,22 +178,6 @@ long threadsOf(pid_t pid)
     return std::atol(field(Test::readFile("/proc/" + std::to_string(pid) + "/status"), "Threads:").c_str());
 }
 
-double cpuSecondsOf(pid_t pid)
-{
-    // Fields 14 and 15 (utime, stime) follow the command name, which may hold spaces.
-    const std::string text = Test::readFile("/proc/" + std::to_string(pid) + "/stat");
-    const size_t end = text.rfind(')');
-    if (end == std::string::npos)
-        return 0;
-    std::istringstream in(text.substr(end + 2));
-    std::string skip;
-    for (int i = 3; i < 14; ++i)
-        in >> skip;
-    double utime = 0, stime = 0;
-    in >> utime >> stime;
-    return (utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 double runSecondsOf(pid_t pid)
 {
     double total = 0;

@@ -68,8 +68,15 @@ bool writeStatus(const StatusRecord& record)
     if (!fd)
         return false;
     JsonRef json = toJson(record);
-    bool ok = json && ::fchmod(fd.get(), 0644) == 0 && json_dumpfd(json.get(), fd.get(), JSON_COMPACT) == 0 &&
-              ::write(fd.get(), "\n", 1) == 1;
+    // One write: json_dumpfd would make a system call per token, at every keep-alive tick.
+    std::string text;
+    if (char* dumped = json ? json_dumps(json.get(), JSON_COMPACT) : nullptr) {
+        text = dumped;
+        free(dumped);
+    }
+    text += '\n';
+    bool ok = text.size() > 1 && ::fchmod(fd.get(), 0644) == 0 &&
+              ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
     fd.reset();
     if (ok && ::rename(temporary.c_str(), path.c_str()) == 0)
         return true;

@@ -195,19 +195,6 @@ TEST(Invoke, ReleasesWhatTheHandlerLeftAndNothingItTookOver)
     json_decref(keptArgs);
 }
 
-TEST(Invoke, IdleWorkerReturnsFromRunOnceWokenUp)
-{
-    PthreadWorker worker;
-    Poco::Thread thread;
-    thread.start(worker);
-    // run blocks in its queue some time after start, so wake it until it has returned.
-    bool ended = Orvex::Test::waitFor([&] {
-        worker.wakeUpAll();
-        return thread.tryJoin(10);
-    }, std::chrono::seconds(5));
-    ASSERT_TRUE(ended) << "an idle worker kept waiting after wakeUpAll";
-}
-
 namespace {
 
 std::mutex inlineMutex;
