@@ -107,14 +107,17 @@ void measureDbus(const Settings& s, const std::string& reply, const Call& daemon
                 true, format("daemon %.1f us / kept D-Bus connection %.1f us", d2.median, keptOne.median));
 }
 
-// Where the daemon's round trip goes: the zs_call client on the raw echo, and the bus
-// library replying on its loop thread (no hand-off, no service layer).
+// Where the daemon's round trip goes: the zs_call client on the raw echo, the bus library
+// replying on its loop thread (no service layer), and the same with the JSON work every
+// call needs (the floor of a daemon call with jansson).
 void measureBreakdown(const Settings& s, const std::string& reply, const Call& viaEcho, pid_t echo, Report& report)
 {
     auto direct = startPeer(s, {"direct", "@orvex-bench-direct", reply}, [] { return busAnswers("@orvex-bench-direct"); });
+    auto json = startPeer(s, {"json", "@orvex-bench-json", reply}, [] { return busAnswers("@orvex-bench-json"); });
     const std::pair<std::string, Call> subjects[] = {
         {"zs_call client to the raw echo", busCaller("@orvex-bench-echo", reply.size())},
-        {"bus library, reply on the loop thread", busCaller("@orvex-bench-direct", reply.size())}};
+        {"bus library, reply on the loop thread", busCaller("@orvex-bench-direct", reply.size())},
+        {"bus library + the call's JSON work", busCaller("@orvex-bench-json", reply.size())}};
     for (int callers : {1, 8})
         for (const auto& [name, call] : subjects) {
             Figures a, b;

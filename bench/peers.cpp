@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -20,6 +21,7 @@
 #include <systemd/sd-bus.h>
 
 #include "common/raii.h"
+#include "service/misc.h"
 #include "tests/support/bus.h"
 #include "zservice/internal.h"
 
@@ -70,9 +72,28 @@ void answer(const char*, zs_io* io, int fd)
     zs_io_free(io);
 }
 
-int busAlone(const std::string& address)
+// The same plus the JSON work a daemon call cannot skip: the arguments parsed, the reply
+// object built (copied from a parsed template) and dumped as the daemon dumps it.
+json_t* g_template = nullptr;
+
+void answerJson(const char*, zs_io* io, int fd)
 {
-    zs* service = zs_create(address.c_str(), 4, 1, answer);
+    if (fd >= 0)
+        ::close(fd);
+    JsonRef args = JsonRef::adopt(json_loadb(zs_io_read(io, 0), zs_io_size(io), 0, nullptr));
+    JsonRef reply = JsonRef::adopt(json_deep_copy(g_template));
+    char text[4096];
+    const size_t size = json_dumpb(reply.get(), text, sizeof text, ORVEX_JSON_FLAGS);
+    zs_io_realloc(io, 0);
+    zs_io_write(io, text, std::min(size, sizeof text));
+    zs_reply(io);
+    zs_io_free(io);
+}
+
+int busAlone(const std::string& address, bool json)
+{
+    g_template = json_loads(g_reply.c_str(), 0, nullptr);
+    zs* service = zs_create(address.c_str(), 4, 1, json ? answerJson : answer);
     return service ? zs_start(service) : 1;
 }
 
@@ -149,13 +170,13 @@ int peerMain(int argc, char** argv)
     g_reply = argc > 3 ? argv[3] : "";
     if (mode == "echo" && argc == 4)
         return echo(argv[2], argv[3]);
-    if (mode == "direct" && argc == 4)
-        return busAlone(argv[2]);
+    if ((mode == "direct" || mode == "json") && argc == 4)
+        return busAlone(argv[2], mode == "json");
     if (mode == "idle" && argc == 3)
         return idle(std::atoi(argv[2]));
     if (mode == "dbus" && argc == 4)
         return dbusPeer(argv[2]);
-    std::fputs("usage: orvex_bench echo|direct|dbus ADDRESS REPLY | idle PORT\n", stderr);
+    std::fputs("usage: orvex_bench echo|direct|json|dbus ADDRESS REPLY | idle PORT\n", stderr);
     return 2;
 }
 
