@@ -87,17 +87,34 @@ const char* __set_device_rsyslog_client__ = T4;
 const char* __set_device_rsyslog_server_config__ = T5;
 const char* __set_device_rsyslog_client_config__ = T6;
 
+namespace {
+
 // Each handler: option record from the arguments (may throw), then the arguments object
 // becomes the reply object, the session fills it, and the reply goes out. Exceptions pass
 // through untouched; the worker replies for them.
+template <class Record, class Result, class... Extra>
+void answer(zs_io* io, json_t*& json, int& fd, Result (Session::*operation)(json_t*&, Record&), Extra... extra)
+{
+    Record option(json, extra...);
+    json_object_clear(json);
+    (Session::getInstance().*operation)(json, option);
+    zs_reply_forward(io, fd, json);
+}
+
+// The reading methods take no options.
+void answer(zs_io* io, json_t*& json, int& fd, void (Session::*operation)(json_t*&))
+{
+    json_object_clear(json);
+    (Session::getInstance().*operation)(json);
+    zs_reply_forward(io, fd, json);
+}
+
+}  // namespace
 
 void signin(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    SigninOption option(json);
-    json_object_clear(json);
-    Session::getInstance().signin(json, option);
-    zs_reply_forward(io, fd, json);
+    answer<SigninOption>(io, json, fd, &Session::signin);
 }
 
 void signout(zs_io* io, json_t*& json, int& fd)
@@ -116,97 +133,67 @@ void signout(zs_io* io, json_t*& json, int& fd)
 void get_device_system_info(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    json_object_clear(json);
-    Session::getInstance().getSystemInfo(json);
-    zs_reply_forward(io, fd, json);
+    answer(io, json, fd, &Session::getSystemInfo);
 }
 
 void get_device_rsyslog_config(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    json_object_clear(json);
-    Session::getInstance().getRsyslogConfig(json);
-    zs_reply_forward(io, fd, json);
+    answer(io, json, fd, &Session::getRsyslogConfig);
 }
 
 void set_device_rsyslog_server_config(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    SyslogServerOption option(json);
-    json_object_clear(json);
-    Session::getInstance().setRsyslogServerConfig(json, option);
-    zs_reply_forward(io, fd, json);
+    answer<SyslogServerOption>(io, json, fd, &Session::setRsyslogServerConfig);
 }
 
 void set_device_rsyslog_client_config(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    SyslogClientManagerOption option(json);
-    json_object_clear(json);
-    Session::getInstance().setRsyslogClientConfig(json, option);
-    zs_reply_forward(io, fd, json);
+    answer<SyslogClientManagerOption>(io, json, fd, &Session::setRsyslogClientConfig);
 }
 
 void get_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    json_object_clear(json);
-    Session::getInstance().getRsyslogClient(json);
-    zs_reply_forward(io, fd, json);
+    answer(io, json, fd, &Session::getRsyslogClient);
 }
 
 void set_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    SyslogClientOption option(json, true);
-    json_object_clear(json);
-    Session::getInstance().setRsyslogClient(json, option);
-    zs_reply_forward(io, fd, json);
+    answer<SyslogClientOption>(io, json, fd, &Session::setRsyslogClient, true);
 }
 
 void add_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    SyslogClientOption option(json, false);
-    json_object_clear(json);
-    Session::getInstance().addRsyslogClient(json, option);
-    zs_reply_forward(io, fd, json);
+    answer<SyslogClientOption>(io, json, fd, &Session::addRsyslogClient, false);
 }
 
 void del_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    IdOption option(json, true);
-    json_object_clear(json);
-    Session::getInstance().delRsyslogClient(json, option);
-    zs_reply_forward(io, fd, json);
+    answer<IdOption>(io, json, fd, &Session::delRsyslogClient, true);
 }
 
 void add_device_rsyslog_client_test(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    SyslogClientOption option(json, false);
-    json_object_clear(json);
-    Session::getInstance().addRsyslogClientTest(json, option);
-    zs_reply_forward(io, fd, json);
+    answer<SyslogClientOption>(io, json, fd, &Session::addRsyslogClientTest, false);
 }
 
 void set_device_rsyslog_client_enable(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    IdOption option(json, true);
-    json_object_clear(json);
-    Session::getInstance().setRsyslogClientEnable(json, option);
-    zs_reply_forward(io, fd, json);
+    answer<IdOption>(io, json, fd, &Session::setRsyslogClientEnable, true);
 }
 
 void set_device_rsyslog_client_disable(zs_io* io, json_t*& json, int& fd)
 {
     ORVEX_TRACE();
-    IdOption option(json, true);
-    json_object_clear(json);
-    Session::getInstance().setRsyslogClientDisable(json, option);
-    zs_reply_forward(io, fd, json);
+    answer<IdOption>(io, json, fd, &Session::setRsyslogClientDisable, true);
 }
 
 }  // namespace Orvex
