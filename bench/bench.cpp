@@ -220,19 +220,6 @@ void measureFootprint(const Settings& s, const Test::Devsim& tls, Report& report
                    single(static_cast<double>(values.second)));
 }
 
-// Launch until the bus answers (an unknown method is answered by the bus thread at once).
-double launch(const Spawn& spawn, const std::string& address)
-{
-    const auto begin = Clock::now();
-    Child child(spawn);
-    while (!busAnswers(address)) {
-        if (!child.running() || Clock::now() - begin > std::chrono::seconds(5))
-            return NAN;
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-    }
-    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-}
-
 void measureStartup(const Settings& s, Report& report)
 {
     const std::string mac = "02:00:00:00:00:05";
@@ -336,6 +323,19 @@ int run(int argc, char** argv)
 }
 
 }  // namespace
+
+// Launch until the bus answers (an unknown method is answered by the bus thread at once).
+double launch(const Test::Spawn& spawn, const std::string& address)
+{
+    const auto begin = Clock::now();
+    Test::Child child(spawn);
+    while (!busAnswers(address)) {
+        if (!child.running() || Clock::now() - begin > std::chrono::seconds(5))
+            return NAN;
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+}
 
 }  // namespace Orvex::Bench
 

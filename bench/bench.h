@@ -66,6 +66,10 @@ bool rawCall(const std::string& address, const std::string& frame, std::string& 
 sd_bus* dbusConnect(const std::string& address);
 bool dbusCall(sd_bus* bus, size_t expected);
 
+// Milliseconds from launching spawn until the bus at address answers; NaN after 5 s or
+// when the process ended first.
+double launch(const Test::Spawn& spawn, const std::string& address);
+
 struct Settings {
     double seconds = 1.0;   // per measured pair and caller count
     int launches = 20;

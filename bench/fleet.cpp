@@ -146,6 +146,16 @@ void measureFleet(const Settings& s, Report& report)
             startFleet = fleetFailed ? NAN : f;
         }
     }
+    // The floor of the start phase: as many bare POCO-linked listeners, launched with the
+    // same parallelism until each answers (no orvexctl, no detach, no sign-in).
+    long launchFailed = 0;
+    const double launches = inParallel(n, s.parallel, [&](int i) {
+        const std::string address = format("@orvex-bench-floor-%d", i);
+        return !std::isnan(launch(command({s.self, "echo", address, "{}"}), address));
+    }, launchFailed);
+    report.row(format("launch %d bare listeners until each answers, %d at a time (s)", n, s.parallel),
+               "bare POCO-linked AF_UNIX listener", single(launchFailed ? NAN : launches),
+               "bare POCO client, the start phase's requests", single(startBare));
     report.goal(format("start and sign in %d sessions <= 10 s (s)", n), startFleet, 10, true,
                 format("%.2f s for %d sessions", startFleet, n));
     report.goal(format("start and sign in %d sessions <= 2x the bare client", n), startFleet / startBare, 2, true,
