@@ -237,21 +237,9 @@ struct MethodEntry {
 void registerMethods()
 {
     ORVEX_TRACE();
-    const MethodEntry table[] = {
-        {"signin", __signin__, &signin, TicktockQueue::TOCK},
-        {"signout", __signout__, &signout, TicktockQueue::TOCK},
-        {"get_device_system_info", __get_device_system_info__, &get_device_system_info, TicktockQueue::TICK},
-        {"get_device_rsyslog_config", __get_device_rsyslog_config__, &get_device_rsyslog_config, TicktockQueue::TICK},
-        {"set_device_rsyslog_server_config", __set_device_rsyslog_server_config__, &set_device_rsyslog_server_config, TicktockQueue::TOCK},
-        {"set_device_rsyslog_client_config", __set_device_rsyslog_client_config__, &set_device_rsyslog_client_config, TicktockQueue::TOCK},
-        {"get_device_rsyslog_client", __get_device_rsyslog_client__, &get_device_rsyslog_client, TicktockQueue::TICK},
-        {"set_device_rsyslog_client", __set_device_rsyslog_client__, &set_device_rsyslog_client, TicktockQueue::TOCK},
-        {"add_device_rsyslog_client", __add_device_rsyslog_client__, &add_device_rsyslog_client, TicktockQueue::TOCK},
-        {"del_device_rsyslog_client", __del_device_rsyslog_client__, &del_device_rsyslog_client, TicktockQueue::TOCK},
-        {"add_device_rsyslog_client_test", __add_device_rsyslog_client_test__, &add_device_rsyslog_client_test, TicktockQueue::TOCK},
-        {"set_device_rsyslog_client_enable", __set_device_rsyslog_client_enable__, &set_device_rsyslog_client_enable, TicktockQueue::TOCK},
-        {"set_device_rsyslog_client_disable", __set_device_rsyslog_client_disable__, &set_device_rsyslog_client_disable, TicktockQueue::TOCK},
-    };
+#define ORVEX_METHOD_ENTRY(method, ticktock) {#method, __##method##__, &method, TicktockQueue::ticktock},
+    const MethodEntry table[] = {ORVEX_SESSION_METHODS(ORVEX_METHOD_ENTRY)};
+#undef ORVEX_METHOD_ENTRY
     for (const MethodEntry& entry : table) {
         Poco::SharedPtr<Endpoint> endpoint(
             new Endpoint{true, entry.help, nullptr, entry.function, entry.ticktock});

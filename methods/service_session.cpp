@@ -70,25 +70,6 @@ static_assert(sizeof(T4) - 1 == 558, "help text T4");
 static_assert(sizeof(T5) - 1 == 433, "help text T5");
 static_assert(sizeof(T6) - 1 == 188, "help text T6");
 
-}  // namespace
-
-// signin's own options are not listed: its help is the plain usage text by design.
-const char* __signin__ = T0;
-const char* __signout__ = T0;
-const char* __get_device_system_info__ = T0;
-const char* __get_device_rsyslog_config__ = T0;
-const char* __get_device_rsyslog_client__ = T0;
-const char* __del_device_rsyslog_client__ = T1;
-const char* __set_device_rsyslog_client_enable__ = T1;
-const char* __set_device_rsyslog_client_disable__ = T1;
-const char* __add_device_rsyslog_client_test__ = T2;
-const char* __add_device_rsyslog_client__ = T3;
-const char* __set_device_rsyslog_client__ = T4;
-const char* __set_device_rsyslog_server_config__ = T5;
-const char* __set_device_rsyslog_client_config__ = T6;
-
-namespace {
-
 // Each handler: option record from the arguments (may throw), then the arguments object
 // becomes the reply object, the session fills it, and the reply goes out. Exceptions pass
 // through untouched; the worker replies for them.
@@ -111,11 +92,34 @@ void answer(zs_io* io, json_t*& json, int& fd, void (Session::*operation)(json_t
 
 }  // namespace
 
-void signin(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer<SigninOption>(io, json, fd, &Session::signin);
-}
+// A method whose handler is one answer step: its help text, then the Session operation
+// and what the option record's constructor takes besides the arguments (the id-required
+// flag). Each expansion is a function of its own, so the trace names the method's handler.
+#define ORVEX_ANSWERING_METHOD(method, help, ...)     \
+    const char* __##method##__ = help;              \
+    void method(zs_io* io, json_t*& json, int& fd)  \
+    {                                               \
+        ORVEX_TRACE();                              \
+        answer(io, json, fd, __VA_ARGS__);          \
+    }
+
+// signin's own options are not listed: its help is the plain usage text by design.
+ORVEX_ANSWERING_METHOD(signin, T0, &Session::signin)
+ORVEX_ANSWERING_METHOD(get_device_system_info, T0, &Session::getSystemInfo)
+ORVEX_ANSWERING_METHOD(get_device_rsyslog_config, T0, &Session::getRsyslogConfig)
+ORVEX_ANSWERING_METHOD(set_device_rsyslog_server_config, T5, &Session::setRsyslogServerConfig)
+ORVEX_ANSWERING_METHOD(set_device_rsyslog_client_config, T6, &Session::setRsyslogClientConfig)
+ORVEX_ANSWERING_METHOD(get_device_rsyslog_client, T0, &Session::getRsyslogClient)
+ORVEX_ANSWERING_METHOD(set_device_rsyslog_client, T4, &Session::setRsyslogClient, true)
+ORVEX_ANSWERING_METHOD(add_device_rsyslog_client, T3, &Session::addRsyslogClient, false)
+ORVEX_ANSWERING_METHOD(del_device_rsyslog_client, T1, &Session::delRsyslogClient, true)
+ORVEX_ANSWERING_METHOD(add_device_rsyslog_client_test, T2, &Session::addRsyslogClientTest, false)
+ORVEX_ANSWERING_METHOD(set_device_rsyslog_client_enable, T1, &Session::setRsyslogClientEnable, true)
+ORVEX_ANSWERING_METHOD(set_device_rsyslog_client_disable, T1, &Session::setRsyslogClientDisable, true)
+
+#undef ORVEX_ANSWERING_METHOD
+
+const char* __signout__ = T0;
 
 void signout(zs_io* io, json_t*& json, int& fd)
 {
@@ -128,72 +132,6 @@ void signout(zs_io* io, json_t*& json, int& fd)
     // The process serves one device session: once it is signed out there is nothing left
     // to serve, so leave at once without the orderly shutdown (no second sign-out).
     _exit(0);
-}
-
-void get_device_system_info(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer(io, json, fd, &Session::getSystemInfo);
-}
-
-void get_device_rsyslog_config(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer(io, json, fd, &Session::getRsyslogConfig);
-}
-
-void set_device_rsyslog_server_config(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer<SyslogServerOption>(io, json, fd, &Session::setRsyslogServerConfig);
-}
-
-void set_device_rsyslog_client_config(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer<SyslogClientManagerOption>(io, json, fd, &Session::setRsyslogClientConfig);
-}
-
-void get_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer(io, json, fd, &Session::getRsyslogClient);
-}
-
-void set_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer<SyslogClientOption>(io, json, fd, &Session::setRsyslogClient, true);
-}
-
-void add_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer<SyslogClientOption>(io, json, fd, &Session::addRsyslogClient, false);
-}
-
-void del_device_rsyslog_client(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer<IdOption>(io, json, fd, &Session::delRsyslogClient, true);
-}
-
-void add_device_rsyslog_client_test(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer<SyslogClientOption>(io, json, fd, &Session::addRsyslogClientTest, false);
-}
-
-void set_device_rsyslog_client_enable(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer<IdOption>(io, json, fd, &Session::setRsyslogClientEnable, true);
-}
-
-void set_device_rsyslog_client_disable(zs_io* io, json_t*& json, int& fd)
-{
-    ORVEX_TRACE();
-    answer<IdOption>(io, json, fd, &Session::setRsyslogClientDisable, true);
 }
 
 }  // namespace Orvex

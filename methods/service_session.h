@@ -14,34 +14,23 @@
 
 namespace Orvex {
 
-// Help texts, "%SERVICE%"/"%GENERAL%" substituted by the registry. Methods with the same
-// options share one text.
-extern const char* __signin__;
-extern const char* __signout__;
-extern const char* __get_device_system_info__;
-extern const char* __get_device_rsyslog_config__;
-extern const char* __set_device_rsyslog_server_config__;
-extern const char* __set_device_rsyslog_client_config__;
-extern const char* __get_device_rsyslog_client__;
-extern const char* __set_device_rsyslog_client__;
-extern const char* __add_device_rsyslog_client__;
-extern const char* __del_device_rsyslog_client__;
-extern const char* __add_device_rsyslog_client_test__;
-extern const char* __set_device_rsyslog_client_enable__;
-extern const char* __set_device_rsyslog_client_disable__;
+// The thirteen methods in registration order, each with its queue class: TICK for the
+// three that only read the device, TOCK for those that change it or the session. The
+// declarations below and the daemon's registry expand this one list.
+#define ORVEX_SESSION_METHODS(M)                                                    \
+    M(signin, TOCK) M(signout, TOCK) M(get_device_system_info, TICK)               \
+    M(get_device_rsyslog_config, TICK) M(set_device_rsyslog_server_config, TOCK)   \
+    M(set_device_rsyslog_client_config, TOCK) M(get_device_rsyslog_client, TICK)   \
+    M(set_device_rsyslog_client, TOCK) M(add_device_rsyslog_client, TOCK)          \
+    M(del_device_rsyslog_client, TOCK) M(add_device_rsyslog_client_test, TOCK)     \
+    M(set_device_rsyslog_client_enable, TOCK) M(set_device_rsyslog_client_disable, TOCK)
 
-void signin(zs_io* io, json_t*& json, int& fd);
-void signout(zs_io* io, json_t*& json, int& fd);
-void get_device_system_info(zs_io* io, json_t*& json, int& fd);
-void get_device_rsyslog_config(zs_io* io, json_t*& json, int& fd);
-void set_device_rsyslog_server_config(zs_io* io, json_t*& json, int& fd);
-void set_device_rsyslog_client_config(zs_io* io, json_t*& json, int& fd);
-void get_device_rsyslog_client(zs_io* io, json_t*& json, int& fd);
-void set_device_rsyslog_client(zs_io* io, json_t*& json, int& fd);
-void add_device_rsyslog_client(zs_io* io, json_t*& json, int& fd);
-void del_device_rsyslog_client(zs_io* io, json_t*& json, int& fd);
-void add_device_rsyslog_client_test(zs_io* io, json_t*& json, int& fd);
-void set_device_rsyslog_client_enable(zs_io* io, json_t*& json, int& fd);
-void set_device_rsyslog_client_disable(zs_io* io, json_t*& json, int& fd);
+// Per method: its help text `__<method>__` ("%SERVICE%"/"%GENERAL%" substituted by the
+// registry; methods with the same options share one text) and its handler `<method>`.
+#define ORVEX_DECLARE_METHOD(method, ticktock) \
+    extern const char* __##method##__;         \
+    void method(zs_io* io, json_t*& json, int& fd);
+ORVEX_SESSION_METHODS(ORVEX_DECLARE_METHOD)
+#undef ORVEX_DECLARE_METHOD
 
 }  // namespace Orvex

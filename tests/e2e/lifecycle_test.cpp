@@ -161,38 +161,21 @@ TEST_F(DaemonFiles, DetachedDaemonCreatesNothingWritableByOthersAndNeverLogsThro
     std::filesystem::remove(Paths::kLogPath);
 }
 
-// Lines of one log file by pid, in file order: (time stamp, text).
-using Lines = std::map<std::string, std::vector<std::string>>;
+// Time stamps ("YYYY-MM-DD HH:MM:SS,mmm") of the lines each tagged process wrote into the
+// given log files, in file order.
+using Stamps = std::map<std::string, std::vector<std::string>>;
 
-void collect(const std::string& path, const std::map<std::string, std::string>& tags, Lines& lines)
+Stamps stampsIn(const std::vector<std::string>& suffixes, const std::map<std::string, std::string>& tags)
 {
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line))
-        for (const auto& [pid, tag] : tags)
-            if (line.find(tag) != std::string::npos)
-                lines[pid].push_back(line.substr(0, 23));  // "YYYY-MM-DD HH:MM:SS,mmm"
-}
-
-size_t linesOf(const std::string& pid, const std::map<std::string, std::string>& tags)
-{
-    Lines lines;
-    for (const char* suffix : {".1", ".0", ""})
-        collect(std::string(Paths::kLogPath) + suffix, tags, lines);
-    return lines[pid].size();
-}
-
-std::string localNow()
-{
-    auto now = std::chrono::system_clock::now();
-    time_t seconds = std::chrono::system_clock::to_time_t(now);
-    long ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-    tm local{};
-    localtime_r(&seconds, &local);
-    char text[32], stamp[40];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    std::snprintf(stamp, sizeof stamp, "%s,%03ld", text, ms);
-    return stamp;
+    Stamps stamps;
+    for (const std::string& suffix : suffixes) {
+        std::ifstream in(std::string(Paths::kLogPath) + suffix);
+        for (std::string line; std::getline(in, line);)
+            for (const auto& [pid, tag] : tags)
+                if (line.find(tag) != std::string::npos)
+                    stamps[pid].push_back(line.substr(0, 23));
+    }
+    return stamps;
 }
 
 TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFiles)
@@ -205,6 +188,7 @@ TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFi
         std::string pid = std::to_string(lockHolder(mac));
         tags[pid] = "[" + mac + " " + pid + "]";
     }
+    const std::vector<std::string> all = {".1", ".0", ""};
     // Lines one unknown-method call writes at trace level, measured per daemon.
     std::map<std::string, size_t> perCall;
     for (size_t i = 0; i < macs.size(); ++i) {
@@ -212,39 +196,17 @@ TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFi
         // After a few calls, so that no line of start-up or of the readiness probes counts.
         for (int warm = 0; warm < 3; ++warm)
             sessionCall(macs[i], "ping");
-        size_t before = linesOf(pid, tags);
+        size_t before = stampsIn(all, tags)[pid].size();
         for (int call = 0; call < 5; ++call)
             sessionCall(macs[i], "ping");
-        perCall[pid] = (linesOf(pid, tags) - before) / 5;
+        perCall[pid] = (stampsIn(all, tags)[pid].size() - before) / 5;
         ASSERT_GT(perCall[pid], 0u);
     }
-    // At each rotation from the second on, the lines written since the one before must
-    // all be in the newest archive or the current file: nobody wrote into an older one.
+    // Rotation renames the current file to .0 and .0 to .1: at each rotation from the
+    // second on, the newest archive and the current file hold exactly what was written
+    // since the one before. Every call's lines must be there: nobody wrote into an older file.
     struct stat archive{};
     auto archiveInode = [&] { return stat((std::string(Paths::kLogPath) + ".0").c_str(), &archive) == 0 ? archive.st_ino : 0; };
-    auto checkNewest = [&](const std::string& since, std::map<std::string, size_t>& calls) {
-        Lines newest;
-        auto complete = [&] {
-            newest.clear();
-            collect(std::string(Paths::kLogPath) + ".0", tags, newest);
-            collect(Paths::kLogPath, tags, newest);
-            for (const auto& [pid, stamps] : newest)
-                if (size_t(std::count_if(stamps.begin(), stamps.end(), [&](const std::string& s) { return s >= since; })) <
-                    calls[pid] * perCall[pid])
-                    return false;
-            return true;
-        };
-        // A call's last trace lines may follow its reply; a slow (sanitized) daemon writes
-        // them a moment after the caller returned.
-        waitFor(complete);
-        for (const auto& [pid, stamps] : newest) {
-            EXPECT_TRUE(std::is_sorted(stamps.begin(), stamps.end())) << "lines of pid " << pid << " out of order";
-            size_t after = std::count_if(stamps.begin(), stamps.end(), [&](const std::string& s) { return s >= since; });
-            EXPECT_GE(after, calls[pid] * perCall[pid]) << "pid " << pid << " lost lines since " << since;
-        }
-        EXPECT_EQ(newest.size(), 2u);
-    };
-    std::string since;
     std::map<std::string, size_t> calls;
     int rotations = 0;
     for (ino_t seen = archiveInode(); rotations < 4;) {
@@ -255,10 +217,22 @@ TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFi
         if (archiveInode() == seen)
             continue;
         seen = archiveInode();
-        ++rotations;
-        if (!since.empty())
-            checkNewest(since, calls);
-        since = localNow();
+        if (rotations++ > 0) {
+            Stamps newest;
+            // A call's last trace lines may follow its reply; a slow (sanitized) daemon
+            // writes them a moment after the caller returned.
+            waitFor([&] {
+                newest = stampsIn({".0", ""}, tags);
+                for (const auto& [pid, count] : calls)
+                    if (newest[pid].size() < count * perCall[pid])
+                        return false;
+                return true;
+            });
+            for (const auto& [pid, count] : calls) {
+                EXPECT_GE(newest[pid].size(), count * perCall[pid]) << "pid " << pid << " lost lines";
+                EXPECT_TRUE(std::is_sorted(newest[pid].begin(), newest[pid].end())) << "pid " << pid << " out of order";
+            }
+        }
         calls.clear();
     }
 }

@@ -1,5 +1,5 @@
 # Load and fault tests: the real daemon under many callers, vanishing callers, a device
-# that hangs up or talks nonsense, a killed daemon, a stranger on the bus.
+# that talks nonsense, a killed daemon, a stranger on the bus.
 if(TARGET orvex-session AND TARGET orvex-devsim AND TARGET zs-call)
   orvex_add_gtest(load_test
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/load_test.cpp

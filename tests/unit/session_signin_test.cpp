@@ -220,7 +220,7 @@ TEST_P(SessionSignin, UnreachableDeviceFailsSigninAndLaterRequests)
     EXPECT_EQ(sessionFailure([&] { session.signin(out, option); }), "signin fail 403");
 }
 
-// The load test shows the caller's reply; this one runs both transports' ends of the exchange.
+// Both transports' ends of an exchange the device hangs up on.
 TEST_P(SessionSignin, HungUpExchangeIsAConnectionFailure)
 {
     Devsim device("token", tls(), {"--hangup", "/orvex/v1/rsyslog"});
