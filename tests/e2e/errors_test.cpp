@@ -9,11 +9,6 @@ namespace {
 
 const std::string kMac = "00:11:22:33:44:55";
 
-std::string errorReply(int code, const std::string& message)
-{
-    return "{\"error_code\":" + std::to_string(code) + ",\"error_message\":\"" + message + "\"}";
-}
-
 void expectReply(const BusReply& reply, const std::string& expected, const std::string& what)
 {
     ASSERT_EQ(reply.rc, 0) << what;

@@ -16,14 +16,6 @@
 namespace Orvex::Test {
 namespace {
 
-// A port on 127.0.0.1 that nobody listens on (any more; the namespace is private).
-int closedPort()
-{
-    int port = 0;
-    loopbackSocket(SOCK_STREAM, port);
-    return port;
-}
-
 std::vector<std::string> lines(const std::string& text)
 {
     std::vector<std::string> out;

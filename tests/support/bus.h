@@ -21,6 +21,12 @@ struct BusReply {
     JsonRef json() const { return parseJson(body); }
 };
 
+// An error reply as the service writes it (a message without characters to escape).
+inline std::string errorReply(int code, const std::string& message)
+{
+    return "{\"error_code\":" + std::to_string(code) + ",\"error_message\":\"" + message + "\"}";
+}
+
 BusReply busCall(const std::string& address, const std::string& method, const std::string& body = "{}",
     int fd = -1, int timeoutSeconds = 30);
 

@@ -1,6 +1,7 @@
 #include "tests/support/hostile.h"
 
-#include <netinet/in.h>
+#include "tests/support/bus.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -34,30 +35,14 @@ std::string readRequest(int fd)
     }
 }
 
-bool sendAll(int fd, const std::string& bytes)
-{
-    for (size_t done = 0; done < bytes.size();) {
-        ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (n <= 0)
-            return false;
-        done += size_t(n);
-    }
-    return true;
-}
-
 }  // namespace
 
 Hostile::Hostile(std::vector<Piece> script, End end) : script_(std::move(script)), end_(end)
 {
-    listen_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (listen_ < 0 || ::bind(listen_, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(listen_, 16) != 0 ||
-        ::getsockname(listen_, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+    UniqueFd listening = loopbackSocket(SOCK_STREAM, port_);
+    if (!listening)
         throw std::runtime_error("hostile device: cannot listen");
-    port_ = ntohs(address.sin_port);
+    listen_ = listening.release();
     acceptor_ = std::thread([this] { acceptLoop(); });
 }
 

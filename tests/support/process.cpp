@@ -207,11 +207,18 @@ UniqueFd loopbackSocket(int type, int& port)
     address.sin_port = htons(static_cast<uint16_t>(port));
     socklen_t size = sizeof address;
     auto* sa = reinterpret_cast<sockaddr*>(&address);
-    if (bind(fd.get(), sa, size) != 0 || (type == SOCK_STREAM && listen(fd.get(), 1) != 0) ||
+    if (bind(fd.get(), sa, size) != 0 || (type == SOCK_STREAM && listen(fd.get(), 16) != 0) ||
         getsockname(fd.get(), sa, &size) != 0)
         return UniqueFd();
     port = ntohs(address.sin_port);
     return fd;
+}
+
+int closedPort()
+{
+    int port = 0;
+    loopbackSocket(SOCK_STREAM, port);
+    return port;
 }
 
 RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env,

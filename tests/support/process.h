@@ -87,6 +87,8 @@ int inChild(const std::function<void()>& body, bool quiet = false);
 // A socket on 127.0.0.1 (SOCK_STREAM ones listen); port 0 picks a free one and is set to
 // it. Empty when the port is taken.
 UniqueFd loopbackSocket(int type, int& port);
+// A loopback TCP port nobody listens on (any more).
+int closedPort();
 
 struct RunResult {
     int status = -1;

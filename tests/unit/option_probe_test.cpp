@@ -1,8 +1,6 @@
 // The port probe of SyslogServerOption against real sockets and the real lsof. Runs under
 // tests/isolate.sh (see option.cmake): private network namespace, /usr/sbin/lsof present.
-#include "option/option.h"
-
-#include "common/raii.h"
+#include "tests/support/option.h"
 #include "tests/support/process.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +13,7 @@
 #include <string>
 
 using namespace Orvex;
+using namespace Orvex::Test;
 
 namespace {
 
@@ -57,18 +56,6 @@ private:
     std::unique_ptr<Test::Child> child_;
 };
 
-std::string outcome(const std::string& args)
-{
-    JsonRef json = JsonRef::adopt(json_loads(args.c_str(), 0, nullptr));
-    try {
-        SyslogServerOption option(json.get());
-        return "";
-    } catch (const OptionException& e) {
-        EXPECT_EQ(e.code(), 400);
-        return e.message();
-    }
-}
-
 std::string ports(int tcp, int udp)
 {
     return "{\"tcp_port\":" + std::to_string(tcp) + ",\"udp_port\":" + std::to_string(udp) + "}";
@@ -104,7 +91,7 @@ TEST_F(PortProbe, AcceptsPortsHeldByRsyslogd)
     Rsyslogd tcp("tcp"), udp("udp");
     ASSERT_GT(tcp.port, 0);
     ASSERT_GT(udp.port, 0);
-    EXPECT_EQ(outcome(ports(tcp.port, udp.port)), "");
+    EXPECT_EQ(outcome<SyslogServerOption>(ports(tcp.port, udp.port)), "");
 }
 
 TEST_F(PortProbe, RefusesPortsHeldByAnyOtherProgramPerProtocol)
@@ -113,20 +100,20 @@ TEST_F(PortProbe, RefusesPortsHeldByAnyOtherProgramPerProtocol)
     HeldPort udp = holdPort(SOCK_DGRAM);
     HeldPort free = holdPort(SOCK_DGRAM);
     free.fd.reset();
-    EXPECT_EQ(outcome(ports(tcp.port, free.port)), "tcp_port occupied");
-    EXPECT_EQ(outcome(ports(free.port, udp.port)), "udp_port occupied");
+    EXPECT_EQ(outcome<SyslogServerOption>(ports(tcp.port, free.port)), "tcp_port occupied");
+    EXPECT_EQ(outcome<SyslogServerOption>(ports(free.port, udp.port)), "udp_port occupied");
     // Each probe looks at its own protocol only: a UDP socket leaves the TCP port free.
-    EXPECT_EQ(outcome(ports(udp.port, tcp.port)), "");
+    EXPECT_EQ(outcome<SyslogServerOption>(ports(udp.port, tcp.port)), "");
 }
 
 TEST_F(PortProbe, ProbesOnlyGivenPortsAfterTheirRangeTcpFirst)
 {
     HeldPort tcp = holdPort(SOCK_STREAM, 1514);
     HeldPort udp = holdPort(SOCK_DGRAM, 1514);
-    EXPECT_EQ(outcome("{}"), "");  // the defaults are not probed
-    EXPECT_EQ(outcome(R"({"tcp_port":"1514"})"), "tcp_port occupied");
-    EXPECT_EQ(outcome(R"({"udp_port":"1514abc"})"), "udp_port occupied");
-    EXPECT_EQ(outcome(R"({"tcp_port":1514,"udp_port":0})"), "tcp_port occupied");
-    EXPECT_EQ(outcome(R"({"tcp_port":0,"udp_port":1514})"), "tcp_port incorrect");
-    EXPECT_EQ(outcome(R"({"enable":true,"tcp_port":1514})"), "syslog cannot enable while both tcp/udp disabled");
+    EXPECT_EQ(outcome<SyslogServerOption>("{}"), "");  // the defaults are not probed
+    EXPECT_EQ(outcome<SyslogServerOption>(R"({"tcp_port":"1514"})"), "tcp_port occupied");
+    EXPECT_EQ(outcome<SyslogServerOption>(R"({"udp_port":"1514abc"})"), "udp_port occupied");
+    EXPECT_EQ(outcome<SyslogServerOption>(R"({"tcp_port":1514,"udp_port":0})"), "tcp_port occupied");
+    EXPECT_EQ(outcome<SyslogServerOption>(R"({"tcp_port":0,"udp_port":1514})"), "tcp_port incorrect");
+    EXPECT_EQ(outcome<SyslogServerOption>(R"({"enable":true,"tcp_port":1514})"), "syslog cannot enable while both tcp/udp disabled");
 }

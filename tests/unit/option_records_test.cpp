@@ -1,6 +1,4 @@
-#include "option/option.h"
-
-#include "common/raii.h"
+#include "tests/support/option.h"
 
 #include <gtest/gtest.h>
 
@@ -8,30 +6,9 @@
 #include <vector>
 
 using namespace Orvex;
+using namespace Orvex::Test;
 
 namespace {
-
-JsonRef parse(const std::string& text)
-{
-    json_error_t error;
-    JsonRef value = JsonRef::adopt(json_loads(text.c_str(), JSON_DECODE_ANY | JSON_ALLOW_NUL, &error));
-    EXPECT_TRUE(value) << text << ": " << error.text;
-    return value;
-}
-
-// "" when the record builds, else the message of its OptionException (which must carry 400).
-template <class Record, class... Extra>
-std::string outcome(const std::string& args, Extra... extra)
-{
-    JsonRef json = parse(args);
-    try {
-        Record record(json.get(), extra...);
-        return "";
-    } catch (const OptionException& e) {
-        EXPECT_EQ(e.code(), 400) << args;
-        return e.message();
-    }
-}
 
 struct Case {
     std::string args;
@@ -43,13 +20,6 @@ void expectOutcomes(const std::vector<Case>& cases, Extra... extra)
 {
     for (const Case& c : cases)
         EXPECT_EQ(outcome<Record>(c.args, extra...), c.expected) << c.args;
-}
-
-template <class Record, class... Extra>
-Record build(const std::string& args, Extra... extra)
-{
-    JsonRef json = parse(args);
-    return Record(json.get(), extra...);
 }
 
 }  // namespace

@@ -14,14 +14,6 @@ using namespace Orvex::Test;
 
 namespace {
 
-// A loopback port nobody listens on (any more).
-int closedPort()
-{
-    int port = 0;
-    loopbackSocket(SOCK_STREAM, port);
-    return port;
-}
-
 struct Observed {
     std::mutex mutex;
     std::vector<SessionStatus> seen;

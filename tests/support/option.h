@@ -1,0 +1,43 @@
+// For tests of the option records: a record built from JSON text, or the message of the
+// OptionException its rules throw (which must carry 400).
+#pragma once
+
+#include "common/raii.h"
+#include "option/option.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace Orvex::Test {
+
+inline JsonRef parse(const std::string& text)
+{
+    json_error_t error;
+    JsonRef value = JsonRef::adopt(json_loads(text.c_str(), JSON_DECODE_ANY | JSON_ALLOW_NUL, &error));
+    EXPECT_TRUE(value) << text << ": " << error.text;
+    return value;
+}
+
+// "" when the record builds, else the message of its OptionException (which must carry 400).
+template <class Record, class... Extra>
+std::string outcome(const std::string& args, Extra... extra)
+{
+    JsonRef json = parse(args);
+    try {
+        Record record(json.get(), extra...);
+        return "";
+    } catch (const OptionException& e) {
+        EXPECT_EQ(e.code(), 400) << args;
+        return e.message();
+    }
+}
+
+template <class Record, class... Extra>
+Record build(const std::string& args, Extra... extra)
+{
+    JsonRef json = parse(args);
+    return Record(json.get(), extra...);
+}
+
+}  // namespace Orvex::Test
