@@ -44,15 +44,20 @@ private:
     std::string language_;
 };
 
-// Device to sign in to. Checks: "ip" (an IP address or a host name), "port" (1..65535),
-// "user", "pass" (no type check: a non-string reads as empty), "secure"; all required.
-struct SigninOption {
-    Option context;
+// Where a device is and the credentials to sign in to it with; SigninOption and DeviceOption
+// read them, each by its own rules.
+struct DeviceAccess {
     std::string ip;
     std::string user;
     std::string pass;
     int32_t port = 0;
     bool secure = false;
+};
+
+// Device to sign in to. Checks: "ip" (an IP address or a host name), "port" (1..65535),
+// "user", "pass" (no type check: a non-string reads as empty), "secure"; all required.
+struct SigninOption : DeviceAccess {
+    Option context;
     explicit SigninOption(json_t* args);
 };
 
@@ -104,14 +109,9 @@ struct IdOption {
 // Front-end records for launching, stopping and calling a per-device process. "mac" is
 // required (may be empty); "ip", "user", "pass" are optional strings, "port" an optional
 // integer 0..65535, "secure" an optional boolean.
-struct DeviceOption {
+struct DeviceOption : DeviceAccess {
     Option context;
     std::string mac;
-    std::string ip;
-    std::string user;
-    std::string pass;
-    int32_t port = 0;
-    bool secure = false;
     explicit DeviceOption(json_t* args);
 };
 

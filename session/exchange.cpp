@@ -7,6 +7,7 @@
 #include "common/misc.h"
 #include "common/raii.h"
 
+#include <Poco/URI.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/SocketAddress.h>
@@ -450,6 +451,14 @@ bool headerSafe(const std::string& value)
     return std::all_of(value.begin(), value.end(), [](char c) {
         return c > 0x20 && c < 0x7f && c != '"' && c != ',' && c != ';' && c != '\\';
     });
+}
+
+Poco::URI withQuery(const char* path, std::initializer_list<std::pair<const char*, std::string>> parameters)
+{
+    Poco::URI uri(path);
+    for (const auto& [name, value] : parameters)
+        uri.addQueryParameter(name, value);
+    return uri;
 }
 
 TlsClient::~TlsClient()

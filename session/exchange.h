@@ -14,9 +14,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <utility>
 
+namespace Poco {
+class URI;
+}
 namespace Poco::Net {
 class HTTPRequest;
 }
@@ -76,6 +81,9 @@ private:
 // True when a device-supplied session id or token may go into a Cookie or Authorization
 // header: printable ASCII without blanks, quotes, commas, semicolons or backslashes.
 bool headerSafe(const std::string& value);
+
+// The path with the parameters added to its query in the order given.
+Poco::URI withQuery(const char* path, std::initializer_list<std::pair<const char*, std::string>> parameters);
 
 struct Answer {
     int status = 0;

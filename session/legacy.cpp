@@ -23,6 +23,7 @@ namespace {
 
 using Poco::Net::HTTPRequest;
 using session_detail::Cause;
+using session_detail::withQuery;
 using Document = Poco::AutoPtr<Poco::XML::Document>;
 
 // The device's answers are a few levels deep; a document nested far deeper would exhaust
@@ -50,7 +51,7 @@ constexpr const char* kLoginScript = "/cgi-bin/authLogin.cgi";
 constexpr const char* kLogoutScript = "/cgi-bin/authLogout.cgi";
 constexpr const char* kManagementScript = "/cgi-bin/management/manaRequest.cgi";
 
-// Throws on text that is not XML (the callers turn that into a failed step).
+// Throws on text that is not XML or yields no document (the callers turn that into a failed step).
 Document parse(const std::string& reply)
 {
     DepthGuard guard;
@@ -60,7 +61,10 @@ Document parse(const std::string& reply)
     scan.setContentHandler(&guard);
     scan.parseMemoryNP(reply.data(), reply.size());
     Poco::XML::DOMParser parser;
-    return parser.parseString(reply);
+    Document document = parser.parseString(reply);
+    if (!document)
+        throw Poco::XML::SAXException("no document");
+    return document;
 }
 
 Poco::XML::Node* find(const Document& document, const char* path)
@@ -73,15 +77,10 @@ Poco::XML::Node* find(const Document& document, const char* path)
 bool Session::_nvx_signin()
 {
     ORVEX_TRACE();
-    try {
-        Poco::URI uri(kLoginScript);
-        uri.addQueryParameter("user", user);
-        uri.addQueryParameter("pwd", btoa(password));
-        std::string reply = request(HTTPRequest::HTTP_POST, uri.getPath(), uri.getQuery(), false);
-        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
-        Document document = parse(reply);
-        if (!document)
-            return failStep(Cause::BadAnswer);
+    // A device that does not serve the legacy scripts fails here: the token family is tried next.
+    bool signedIn = checkedStep(Cause::BadAnswer, [&, step = __PRETTY_FUNCTION__] {
+        Poco::URI uri = withQuery(kLoginScript, {{"user", user}, {"pwd", btoa(password)}});
+        Document document = parse(answer(step, HTTPRequest::HTTP_POST, uri.getPath(), uri.getQuery()));
         Poco::XML::Node* node = find(document, "//VDocRoot//authSid");
         // The scripts answer a refused login with authPassed 0 and no id.
         if (node == nullptr)
@@ -91,27 +90,18 @@ bool Session::_nvx_signin()
         if (!session_detail::headerSafe(id))
             return failStep(Cause::BadAnswer);
         family = Nvx;
-        sid = id;
-    } catch (...) {
-        // A device that does not serve the legacy scripts: the token family is tried next.
-        return failStep(Cause::BadAnswer);
-    }
-    if (!_nvx_getSystemInfo())
-        return false;
-    return _nvx_getDeviceSerial();
+        sid = std::move(id);
+        return true;
+    });
+    return signedIn && _nvx_getSystemInfo() && _nvx_getDeviceSerial();
 }
 
 bool Session::_nvx_getSystemInfo()
 {
     ORVEX_TRACE();
-    try {
-        Poco::URI uri(kLoginScript);
-        uri.addQueryParameter("sid", sid);
-        std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
-        Document document = parse(reply);
-        if (!document)
-            return failStep(Cause::BadAnswer);
+    return checkedStep(Cause::BadAnswer, [&, step = __PRETTY_FUNCTION__] {
+        std::string target = withQuery(kLoginScript, {{"sid", sid}}).getPathAndQuery();
+        Document document = parse(answer(step, HTTPRequest::HTTP_GET, target));
         Poco::XML::Node* modelNode = find(document, "//VDocRoot//model//displayModelName");
         Poco::XML::Node* numberNode = find(document, "//VDocRoot//firmware//number");
         Poco::XML::Node* versionNode = find(document, "//VDocRoot//firmware//version");
@@ -122,60 +112,39 @@ bool Session::_nvx_getSystemInfo()
         firmware = versionNode->innerText() + "." + numberNode->innerText();
         hostname = hostNode->innerText();
         return true;
-    } catch (...) {
-        return failStep(Cause::BadAnswer);
-    }
+    });
 }
 
 bool Session::_nvx_getDeviceSerial()
 {
     ORVEX_TRACE();
-    try {
-        Poco::URI uri(kManagementScript);
-        uri.addQueryParameter("sid", sid);
-        uri.addQueryParameter("subfunc", "sysinfo");
-        std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
-        Document document = parse(reply);
-        if (!document)
-            return failStep(Cause::BadAnswer);
+    return checkedStep(Cause::BadAnswer, [&, step = __PRETTY_FUNCTION__] {
+        std::string target = withQuery(kManagementScript, {{"sid", sid}, {"subfunc", "sysinfo"}}).getPathAndQuery();
+        Document document = parse(answer(step, HTTPRequest::HTTP_GET, target));
         if (Poco::XML::Node* node = find(document, "//VDocRoot//func//ownContent//root//serial_number"))
             serial = node->innerText();
         return true;
-    } catch (...) {
-        return failStep(Cause::BadAnswer);
-    }
+    });
 }
 
 bool Session::_nvx_alive()
 {
     ORVEX_TRACE();
-    if (family != Nvx)
-        return false;
-    try {
-        Poco::URI uri(kLoginScript);
-        uri.addQueryParameter("sid", sid);
-        std::string reply = request(HTTPRequest::HTTP_POST, uri.getPath(), uri.getQuery(), false);
-        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
-        Document document = parse(reply);
-        if (!document)
-            return false;
+    // A keep-alive probe has no sign-in cause to record: anything thrown only means not alive.
+    return family == Nvx && checkedStep(Cause::None, [&, step = __PRETTY_FUNCTION__] {
+        Poco::URI uri = withQuery(kLoginScript, {{"sid", sid}});
+        Document document = parse(answer(step, HTTPRequest::HTTP_POST, uri.getPath(), uri.getQuery()));
         Poco::XML::Node* node = find(document, "//VDocRoot//authPassed");
         return node != nullptr && node->innerText() == "1";
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 // Clears nothing: the next keep-alive tick asks the device whether the id still holds.
 bool Session::_nvx_signout()
 {
     ORVEX_TRACE();
-    Poco::URI uri(kLogoutScript);
-    uri.addQueryParameter("sid", sid);
-    uri.addQueryParameter("logout", "1");
-    std::string reply = request(HTTPRequest::HTTP_POST, uri.getPath(), uri.getQuery(), false);
-    ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
+    Poco::URI uri = withQuery(kLogoutScript, {{"sid", sid}, {"logout", "1"}});
+    answer(__PRETTY_FUNCTION__, HTTPRequest::HTTP_POST, uri.getPath(), uri.getQuery());
     return true;
 }
 

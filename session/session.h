@@ -143,6 +143,14 @@ private:
     Cause attempt(bool (Session::*step)(), const char* family);
     // Records the cause of a failed sign-in step (a transport cause found first stays).
     bool failStep(Cause cause);
+    // A family step's rules, run so that anything thrown (no answer, one that does not parse)
+    // fails the step with the given cause.
+    bool checkedStep(Cause onThrow, const std::function<bool()>& rules);
+    // One exchange of a family step, without content type; the answer is traced under the
+    // step's name at the caller's file and line, as a trace point there would write it.
+    std::string answer(const char* step, const std::string& method, const std::string& path,
+                       const std::string& body = std::string(), const char* file = __builtin_FILE(),
+                       int line = __builtin_LINE());
     bool signoutFamily();
     void publish(bool notify);
 

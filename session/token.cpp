@@ -17,6 +17,7 @@ namespace {
 
 using Poco::Net::HTTPRequest;
 using session_detail::Cause;
+using session_detail::withQuery;
 
 // Non-JSON text reads as null, which every unpack then refuses.
 JsonRef parse(const std::string& reply)
@@ -29,16 +30,12 @@ JsonRef parse(const std::string& reply)
 bool Session::_zem_signin()
 {
     ORVEX_TRACE();
-    try {
-        Poco::URI uri("/zem/oauth/token");
-        uri.addQueryParameter("grant_type", "password");
-        uri.addQueryParameter("username", user);
-        uri.addQueryParameter("password", btoa(password));
-        std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
+    bool signedIn = checkedStep(Cause::BadAnswer, [&, step = __PRETTY_FUNCTION__] {
+        Poco::URI uri = withQuery("/zem/oauth/token",
+                                  {{"grant_type", "password"}, {"username", user}, {"password", btoa(password)}});
+        JsonRef json = parse(answer(step, HTTPRequest::HTTP_GET, uri.getPathAndQuery()));
         const char* access = nullptr;
         const char* refresh = nullptr;
-        JsonRef json = parse(reply);
         if (json_unpack(json.get(), "{ss ss}", "access_token", &access, "refresh_token", &refresh) != 0)
             return failStep(lastStatus == 401 || lastStatus == 403 ? Cause::Credentials : Cause::BadAnswer);
         // The access token goes into the Authorization header, the refresh token into a query.
@@ -48,25 +45,20 @@ bool Session::_zem_signin()
         sid = access;
         accessToken = access;
         refreshToken = refresh;
-    } catch (...) {
-        return failStep(Cause::BadAnswer);
-    }
-    if (!_zem_getSystemInfo())
-        return false;
-    return _zem_getDeviceSerial();
+        return true;
+    });
+    return signedIn && _zem_getSystemInfo() && _zem_getDeviceSerial();
 }
 
 // The firmware path carries no family prefix on the device; sent exactly so.
 bool Session::_zem_getSystemInfo()
 {
     ORVEX_TRACE();
-    try {
-        std::string reply = request(HTTPRequest::HTTP_GET, "/system/firmware/info");
-        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
+    return checkedStep(Cause::BadAnswer, [&, step = __PRETTY_FUNCTION__] {
+        JsonRef json = parse(answer(step, HTTPRequest::HTTP_GET, "/system/firmware/info"));
         const char* displayName = nullptr;
         const char* serverName = nullptr;
         const char* version = nullptr;
-        JsonRef json = parse(reply);
         if (json_unpack(json.get(), "{s{ss ss} s{ss}}", "model", "display_name", &displayName, "server_name",
                         &serverName, "firmware", "version", &version) != 0)
             return failStep(Cause::BadAnswer);
@@ -74,57 +66,41 @@ bool Session::_zem_getSystemInfo()
         hostname = serverName;
         firmware = version;
         return true;
-    } catch (...) {
-        return failStep(Cause::BadAnswer);
-    }
+    });
 }
 
 bool Session::_zem_getDeviceSerial()
 {
     ORVEX_TRACE();
-    try {
-        Poco::URI uri("/zem/system");
-        uri.addQueryParameter("sid", sid);
-        std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
+    return checkedStep(Cause::BadAnswer, [&, step = __PRETTY_FUNCTION__] {
+        std::string target = withQuery("/zem/system", {{"sid", sid}}).getPathAndQuery();
+        JsonRef json = parse(answer(step, HTTPRequest::HTTP_GET, target));
         const char* serialNo = nullptr;
-        JsonRef json = parse(reply);
         if (json_unpack(json.get(), "{s{ss}}", "model", "serial_no", &serialNo) != 0)
             return failStep(Cause::BadAnswer);
         serial = serialNo;
         return true;
-    } catch (...) {
-        return failStep(Cause::BadAnswer);
-    }
+    });
 }
 
 bool Session::_zem_alive()
 {
     ORVEX_TRACE();
-    if (family != Zem)
-        return false;
-    try {
-        Poco::URI uri("/zem/oauth/tokeninfo");
-        uri.addQueryParameter("access_token", accessToken);
-        std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-        ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
+    // A keep-alive probe has no sign-in cause to record: anything thrown only means not alive.
+    return family == Zem && checkedStep(Cause::None, [&, step = __PRETTY_FUNCTION__] {
+        std::string target = withQuery("/zem/oauth/tokeninfo", {{"access_token", accessToken}}).getPathAndQuery();
+        JsonRef json = parse(answer(step, HTTPRequest::HTTP_GET, target));
         const char* token = nullptr;
-        JsonRef json = parse(reply);
         return json_unpack(json.get(), "{ss}", "access_token", &token) == 0;
-    } catch (...) {
-        return false;
-    }
+    });
 }
 
 // A transport failure is left to the caller, with the tokens still set.
 bool Session::_zem_signout()
 {
     ORVEX_TRACE();
-    Poco::URI uri("/zem/oauth/logout");
-    uri.addQueryParameter("access_token", accessToken);
-    uri.addQueryParameter("refresh_token", refreshToken);
-    std::string reply = request(HTTPRequest::HTTP_GET, uri.getPathAndQuery());
-    ORVEX_TRACE_TEXT("[Session] %s", redacted(reply).c_str());
+    Poco::URI uri = withQuery("/zem/oauth/logout", {{"access_token", accessToken}, {"refresh_token", refreshToken}});
+    answer(__PRETTY_FUNCTION__, HTTPRequest::HTTP_GET, uri.getPathAndQuery());
     sid.clear();
     accessToken.clear();
     refreshToken.clear();

@@ -138,6 +138,24 @@ bool Session::failStep(Cause cause)
     return false;
 }
 
+bool Session::checkedStep(Cause onThrow, const std::function<bool()>& rules)
+{
+    try {
+        return rules();
+    } catch (...) {
+        return failStep(onThrow);
+    }
+}
+
+std::string Session::answer(const char* step, const std::string& method, const std::string& path,
+                            const std::string& body, const char* file, int line)
+{
+    std::string reply = request(method, path, body, false);
+    if (trace::enabled())
+        trace::writef(trace::baseName(file), line, step, "[Session] %s", redacted(reply).c_str());
+    return reply;
+}
+
 void Session::requireSignin() const
 {
     if (sid.empty())

@@ -187,35 +187,39 @@ void reportUntrusted(const char* address)
         fprintf(stderr, "zs-call: the listener at %s is not trusted: nothing sent\n", address);
 }
 
+// What a failed call says, by its errno. Every text is given the address and then the time
+// limit, which only the time-out shows.
+struct FailureText {
+    int error;
+    const char* format;
+};
+constexpr FailureText kFailureTexts[] = {
+    {ECONNREFUSED, "zs-call: no service listening at %s\n"},
+    {ENOENT, "zs-call: no service listening at %s\n"},
+    {ETIMEDOUT, "zs-call: no reply from %s within %d s\n"},
+    {EPROTO, "zs-call: %s closed the call without a valid reply\n"},
+    {EMSGSIZE, "zs-call: the call or the reply of %s exceeds 16 MiB\n"},
+    {ENAMETOOLONG, "zs-call: address too long for a Unix socket: %s\n"},
+    {EINVAL, "zs-call: invalid address: %s\n"},
+};
+
+// The text of a failure that has its own, or null.
+const char* failureFormat(int error)
+{
+    for (const FailureText& text : kFailureTexts)
+        if (text.error == error)
+            return text.format;
+    return nullptr;
+}
+
 void reportFailure(const Arguments& args, int error)
 {
-    const char* address = args.address;
-    switch (error) {
-    case ECONNREFUSED:
-    case ENOENT:
-        fprintf(stderr, "zs-call: no service listening at %s\n", address);
-        break;
-    case ETIMEDOUT:
-        fprintf(stderr, "zs-call: no reply from %s within %d s\n", address, args.timeout);
-        break;
-    case EPROTO:
-        fprintf(stderr, "zs-call: %s closed the call without a valid reply\n", address);
-        break;
-    case EMSGSIZE:
-        fprintf(stderr, "zs-call: the call or the reply of %s exceeds 16 MiB\n", address);
-        break;
-    case ENAMETOOLONG:
-        fprintf(stderr, "zs-call: address too long for a Unix socket: %s\n", address);
-        break;
-    case EINVAL:
-        fprintf(stderr, "zs-call: invalid address: %s\n", address);
-        break;
-    case EACCES:
-        reportUntrusted(address);
-        break;
-    default:
-        fprintf(stderr, "zs-call: call to %s failed: %s\n", address, strerror(error));
-    }
+    if (error == EACCES)
+        reportUntrusted(args.address);
+    else if (const char* format = failureFormat(error))
+        fprintf(stderr, format, args.address, args.timeout);
+    else
+        fprintf(stderr, "zs-call: call to %s failed: %s\n", args.address, strerror(error));
 }
 
 // Pretty output re-indents a JSON reply; anything else is printed as it came.
