@@ -1,25 +1,20 @@
 // For tests that drive the device session in process (header-only: they link the session
-// library themselves): sign-in records and calls for a simulator, and a capture of the
-// root logger's messages.
+// library themselves): sign-in records and calls for a simulator.
 #pragma once
 
 #include "common/raii.h"
 #include "option/option.h"
 #include "session/session.h"
 #include "tests/support/devsim.h"
+#include "tests/support/log.h"
 #include "tests/support/process.h"
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
-#include <Poco/Logger.h>
-#include <Poco/Message.h>
 
 #include <gtest/gtest.h>
 #include <jansson.h>
 
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,33 +71,6 @@ inline std::string sessionFailure(const std::function<void()>& fn)
         return e.message() + " " + std::to_string(e.code());
     }
     return "";
-}
-
-// Collects what reaches the root logger (and raises its level so trace lines come too).
-class LogCapture : public Poco::Channel {
-public:
-    void log(const Poco::Message& message) override
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.push_back(message.getText());
-    }
-    std::vector<std::string> lines() const
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return lines_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
-
-inline Poco::AutoPtr<LogCapture> captureLog()
-{
-    Poco::AutoPtr<LogCapture> capture(new LogCapture);
-    Poco::Logger::root().setChannel(capture);
-    Poco::Logger::root().setLevel(Poco::Message::PRIO_TRACE);
-    return capture;
 }
 
 }  // namespace Orvex::Test

@@ -1,16 +1,12 @@
 #include "common/exceptions.h"
 #include "common/misc.h"
 #include "common/trace.h"
-
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
-#include <Poco/Logger.h>
+#include "tests/support/log.h"
 
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,30 +14,15 @@ using namespace Orvex;
 
 namespace {
 
-// Keeps what the root logger hands to its channel; can be told to throw instead.
-class RecordingChannel : public Poco::Channel {
-public:
-    void log(const Poco::Message& msg) override
-    {
-        if (failing)
-            throw std::runtime_error("channel down");
-        texts.push_back(msg.getText());
-        priorities.push_back(msg.getPriority());
-    }
-    bool failing = false;
-    std::vector<std::string> texts;
-    std::vector<int> priorities;
-};
-
 class TraceTest : public ::testing::Test {
 protected:
-    void SetUp() override { Poco::Logger::root().setChannel(channel); }
+    void SetUp() override { channel = Orvex::Test::captureLog(); }
     void TearDown() override
     {
         Poco::Logger::root().setChannel(nullptr);
         Poco::Logger::root().setLevel(Poco::Message::PRIO_INFORMATION);
     }
-    Poco::AutoPtr<RecordingChannel> channel{new RecordingChannel};
+    Poco::AutoPtr<Orvex::Test::LogCapture> channel;
 };
 
 const int kProbeLine = __LINE__ + 3;
@@ -98,14 +79,14 @@ TEST_F(TraceTest, EnterAndLeaveLinesOnlyAtTraceLevel)
     Poco::Logger::root().setLevel(Poco::Message::PRIO_DEBUG);
     tracedProbe(1);
     ORVEX_TRACE_TEXT("[Session] %s", countFormatting());
-    EXPECT_TRUE(channel->texts.empty());
+    EXPECT_TRUE(channel->lines().empty());
     EXPECT_EQ(formatted, 0) << "a trace line was formatted below trace level";
 
     Poco::Logger::root().setLevel(Poco::Message::PRIO_TRACE);
     EXPECT_EQ(tracedProbe(21), 42);
     std::string where = "common_test.cpp:" + std::to_string(kProbeLine) + ", int {anonymous}::tracedProbe(int)";
-    EXPECT_EQ(channel->texts, (std::vector<std::string>{where + " :enter", where + " :leave"}));
-    EXPECT_EQ(channel->priorities, (std::vector<int>{Poco::Message::PRIO_TRACE, Poco::Message::PRIO_TRACE}));
+    EXPECT_EQ(channel->lines(), (std::vector<std::string>{where + " :enter", where + " :leave"}));
+    EXPECT_EQ(channel->priorities(), (std::vector<int>{Poco::Message::PRIO_TRACE, Poco::Message::PRIO_TRACE}));
 }
 
 TEST_F(TraceTest, FailuresWhileTracingAreSwallowed)
