@@ -105,8 +105,7 @@ TEST_F(Dispatch, UnknownMethodIs404ThroughBufferOrDescriptor)
     EXPECT_EQ(body("no_such_method"), notFound("no_such_method"));
     EXPECT_EQ(body("ghost"), notFound("ghost"));  // unknown worker mode, null endpoint
     Pipe pipe;
-    auto r = bus.call("no_such_method", "{}", pipe.writeEnd());
-    EXPECT_EQ(r.body, "");
+    EXPECT_EQ(bus.call("no_such_method", "{}", pipe.writeEnd()).body, "");
     EXPECT_EQ(pipe.readAll(), kHeader + notFound("no_such_method"));
 }
 
@@ -149,14 +148,10 @@ TEST_F(Dispatch, SameNameTwiceKeepsTheLaterEndpoint)
     EXPECT_EQ(kept, 2);
 }
 
-TEST_F(Dispatch, HelpListsEveryOtherMethodGroupedByObject)
+TEST_F(Dispatch, HelpListsEveryOtherMethodGroupedByObjectOrPrintsTheFilledInTextOfOne)
 {
     for (const char* request : {"{}", "[]", "{\"method\":\"no_such\"}", "{\"method\":\"rsyslog/client/{id}\"}", "{\"method\":3}"})
         EXPECT_EQ(body("help", request), kListing) << request;
-}
-
-TEST_F(Dispatch, HelpOfOneMethodPrintsItsFilledInText)
-{
     EXPECT_EQ(body("help", "{\"method\":\"signin\"}"), "\nusage: " + kName + " signin []\n\n");
     EXPECT_EQ(body("help", "{\"method\":\"help\"}"), std::string("\n") + Service::__help__ + "\n");
     Pipe pipe;  // the descriptor is closed, never written

@@ -47,21 +47,18 @@ void replyHandler(const char* method, zs_io* io, int fd)
 
 }  // namespace
 
-TEST(Reply, ForwardWritesTheObjectAsItStands)
+TEST(Reply, ForwardWritesTheObjectAsItStandsAndStatusRepliesAddTheirKeysAndDropTheData)
 {
     ServedBus bus(&replyHandler);
     ASSERT_TRUE(bus.ok());
-    EXPECT_EQ(bus.call("forward").body, "{\"path\":\"a\\/b\",\"pi\":3.1,\"big\":1.2e5,\"word\":\"caf\xc3\xa9\"}");
-    EXPECT_EQ(bus.call("forward-empty").body, "{}");
-    EXPECT_EQ(bus.call("forward-null").body, "{}");
-}
-
-TEST(Reply, StatusKeysAreAddedAndErrorsDropTheData)
-{
-    ServedBus bus(&replyHandler);
-    EXPECT_EQ(bus.call("success").body, "{\"error_code\":0,\"error_message\":\"\"}");
-    EXPECT_EQ(bus.call("error").body, "{\"error_code\":404,\"error_message\":\"signin\"}");
-    EXPECT_EQ(bus.call("no-message").body, "{\"error_code\":7}");
+    const std::pair<const char*, const char*> table[] = {
+        {"forward", "{\"path\":\"a\\/b\",\"pi\":3.1,\"big\":1.2e5,\"word\":\"caf\xc3\xa9\"}"},
+        {"forward-empty", "{}"}, {"forward-null", "{}"},
+        {"success", "{\"error_code\":0,\"error_message\":\"\"}"},
+        {"error", "{\"error_code\":404,\"error_message\":\"signin\"}"}, {"no-message", "{\"error_code\":7}"},
+    };
+    for (const auto& [method, expected] : table)
+        EXPECT_EQ(bus.call(method).body, expected) << method;
 
     EXPECT_EQ(bus.call("keep").body, "{\"a\":\"x\\/y\",\"error_code\":0,\"error_message\":\"\"}");
     ASSERT_TRUE(keptReplied.tryWait(10000));

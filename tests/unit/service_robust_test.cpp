@@ -110,25 +110,6 @@ protected:
     std::future<BusReply> stallCall_;
 };
 
-// A pipe whose buffer is full and whose reader never reads (the test keeps the read end).
-struct FullPipe {
-    int fds[2] = {-1, -1};
-    FullPipe()
-    {
-        EXPECT_EQ(0, pipe(fds));
-        fcntl(fds[1], F_SETFL, O_NONBLOCK);
-        const std::string chunk(65536, 'x');
-        while (write(fds[1], chunk.data(), chunk.size()) > 0) {
-        }
-        fcntl(fds[1], F_SETFL, 0);  // the service sees it as callers hand it: blocking
-    }
-    ~FullPipe()
-    {
-        close(fds[0]);
-        close(fds[1]);
-    }
-};
-
 // Another thread holds the log channel's lock whenever this process forks.
 class LockedAtFork : public Poco::Channel {
 public:
@@ -151,11 +132,17 @@ public:
 
 TEST_F(Robust, AReplyDescriptorNobodyReadsHoldsNeitherTheLoopNorAWorkerForLong)
 {
-    FullPipe pipe;
+    Pipe full;  // its buffer filled, and nobody reads it
+    const int fd = full.writeEnd();
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+    const std::string chunk(65536, 'x');
+    while (write(fd, chunk.data(), chunk.size()) > 0) {
+    }
+    fcntl(fd, F_SETFL, 0);  // the service sees it as callers hand it: blocking
     const auto start = std::chrono::steady_clock::now();
-    auto onWorker = later("work", "{}", pipe.fds[1]);
+    auto onWorker = later("work", "{}", fd);
     ASSERT_TRUE(dispatchedAtLeast(1));
-    auto onLoop = later("unknown_method", "{}", pipe.fds[1]);  // its 404 is written by the loop
+    auto onLoop = later("unknown_method", "{}", fd);  // its 404 is written by the loop
     EXPECT_EQ(0, onWorker.get().rc);
     EXPECT_EQ(0, onLoop.get().rc);
     EXPECT_EQ("{}", bus_.call("work", "{}", -1, 5).body);

@@ -1,4 +1,5 @@
 #include "service/ticktock.h"
+#include "tests/support/process.h"
 
 #include <Poco/Notification.h>
 
@@ -11,6 +12,7 @@
 #include <vector>
 
 using Orvex::TicktockQueue;
+using Orvex::Test::waitFor;
 constexpr auto TICK = TicktockQueue::TICK;
 constexpr auto TOCK = TicktockQueue::TOCK;
 
@@ -35,13 +37,6 @@ std::vector<std::string> take(TicktockQueue& queue, int count)
     while (count-- > 0)
         out.push_back(textOf(queue.dequeueNotification()));
     return out;
-}
-
-// A blocked taker is a state of the queue: wait for it, not for a time.
-void awaitWaiters(const TicktockQueue& queue, size_t count)
-{
-    while (queue.waiters() != count)
-        std::this_thread::yield();
 }
 
 using Texts = std::vector<std::string>;
@@ -83,7 +78,8 @@ TEST(TicktockWaiting, BlockedTakersAreHandedWorkInArrivalOrder)
     std::vector<std::thread> takers;
     for (int i = 0; i < 3; ++i) {
         takers.emplace_back([&, i] { got[i] = textOf(i == 2 ? queue.waitDequeueNotification(60000) : queue.waitDequeueNotification()); });
-        awaitWaiters(queue, i + 1u);
+        // A blocked taker is a state of the queue: wait for it, not for a time.
+        EXPECT_TRUE(waitFor([&] { return queue.waiters() == i + 1u; }));
     }
     queue.enqueueNotification(item("first"), TICK);
     queue.enqueueUrgentNotification(item("second"), TOCK);
@@ -95,30 +91,23 @@ TEST(TicktockWaiting, BlockedTakersAreHandedWorkInArrivalOrder)
     EXPECT_EQ(queue.waiters(), 0u);
 }
 
-TEST(TicktockWaiting, WakeUpAllReleasesTakersWithNothingAndLaterWorkIsKept)
+// A stale waiter record would swallow the next hand-over.
+TEST(TicktockWaiting, TakersReleasedByWakeUpAllOrTheirTimeOutLeaveNoWaiterBehind)
 {
     TicktockQueue queue;
     std::string got[2];
     std::thread a([&] { got[0] = textOf(queue.waitDequeueNotification()); });
     std::thread b([&] { got[1] = textOf(queue.waitDequeueNotification(60000)); });
-    awaitWaiters(queue, 2);
+    EXPECT_TRUE(waitFor([&] { return queue.waiters() == 2; }));
     queue.wakeUpAll();
     a.join();
     b.join();
     EXPECT_EQ(got[0] + got[1], "<null><null>");
-    queue.enqueueNotification(item("kept"), TICK);
-    EXPECT_EQ(queue.size(), 1u);
-}
-
-TEST(TicktockWaiting, ExpiredTimedTakeLeavesNoWaiterBehind)
-{
-    TicktockQueue queue;
     EXPECT_TRUE(queue.waitDequeueNotification(20).isNull());
     EXPECT_EQ(queue.waiters(), 0u);
-    // A stale record would swallow this hand-over.
-    queue.enqueueNotification(item("after"), TICK);
+    queue.enqueueNotification(item("kept"), TICK);
     EXPECT_EQ(queue.size(), 1u);
-    EXPECT_EQ(textOf(queue.waitDequeueNotification(20)), "after");
+    EXPECT_EQ(textOf(queue.waitDequeueNotification(20)), "kept");
 }
 
 TEST(TicktockWaiting, ManyProducersAndTakersLoseNothing)

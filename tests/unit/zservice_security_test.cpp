@@ -86,17 +86,13 @@ private:
     bool ready_ = false;
 };
 
-#define ORVEX_REQUIRE_ROOT()                                           \
-    do {                                                               \
-        if (geteuid() != 0)                                            \
-            GTEST_SKIP() << "needs root to play a user of another uid"; \
-    } while (0)
-
 }  // namespace
 
-TEST(ZserviceTrust, AListenerOfAnotherUserGetsNotOneByteOfTheCall)
+// Only the listener's user is checked: a caller of another user is served like any other.
+TEST(ZserviceTrust, AListenerOfAnotherUserGetsNotOneByteOfTheCallButACallerOfAnotherUserIsServed)
 {
-    ORVEX_REQUIRE_ROOT();
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to play a user of another uid";
     const std::string address = uniqueAddress("impostor");
     Impostor impostor(address);
     ASSERT_TRUE(impostor.ready());
@@ -110,17 +106,12 @@ TEST(ZserviceTrust, AListenerOfAnotherUserGetsNotOneByteOfTheCall)
     EXPECT_EQ("zs-call: the listener at " + address + " runs as uid 65534, neither root nor us: nothing sent\n",
         run.err);
     EXPECT_EQ(0, impostor.bytesReceived());
-}
 
-TEST(ZserviceTrust, ACallerOfAnotherUserStillReachesARootService)
-{
-    ORVEX_REQUIRE_ROOT();
     TestService service;  // policy 0: admits every local user
-    const std::string address = service.address();
     const int status = inChild([&] {
         if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
             _exit(2);
-        const BusReply reply = busCall(address, "m", "{}", -1, 5);
+        const BusReply reply = busCall(service.address(), "m", "{}", -1, 5);
         _exit(reply.rc == 0 && reply.body == "echo:m:{}" ? 0 : 1);
     });
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
@@ -144,11 +135,9 @@ TEST(ZserviceCaps, AFloodOfIdleCallersLeavesDescriptorsForTheServicesOwnWork)
         char byte = 0;
         if (write(report[1], "r", 1) != 1 || !readByte(go[0], byte))
             _exit(3);
-        // What a device request needs: new sockets.
-        std::vector<int> sockets;
+        char opened = 0;  // of the new sockets a device request needs
         for (int i = 0; i < 16; ++i)
-            sockets.push_back(socket(AF_INET, SOCK_STREAM, 0));
-        const char opened = static_cast<char>(std::count_if(sockets.begin(), sockets.end(), [](int fd) { return fd >= 0; }));
+            opened += socket(AF_INET, SOCK_STREAM, 0) >= 0;
         if (write(report[1], &opened, 1) != 1 || !readByte(go[0], byte))
             _exit(4);
         _exit(0);
@@ -182,10 +171,7 @@ TEST(ZsCallExit, AnErrorReplyExitsFourAndJsonIsPrintedShortOrPrettyButOtherTextA
         zs_io_printf(io, "%s", strcmp(method, "bad") == 0    ? "{\"error_code\":403,\"error_message\":\"\"}"
                                : strcmp(method, "text") == 0 ? "\nplain text\n"
                                                              : "{\"error_code\":0,\"a\":[1]}");
-        zs_reply(io);
-        zs_io_free(io);
-        if (fd >= 0)
-            close(fd);
+        TestService::echo("raw", io, fd);  // replies with the bare body
     });
     RunResult run = ::Orvex::Test::run({zsCallBinary(), "--json=short", service.address(), "bad"});
     EXPECT_EQ(4, run.status);
