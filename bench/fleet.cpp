@@ -12,7 +12,6 @@
 #include <cmath>
 #include <memory>
 #include <numeric>
-#include <sstream>
 #include <thread>
 
 #include "tests/support/daemon.h"
@@ -53,22 +52,6 @@ double inParallel(int n, int parallel, const std::function<bool(int)>& job, long
     return since(start);
 }
 
-// The simulator's N ready lines, in device order.
-std::vector<int> devicePorts(const std::string& readyFile, size_t n)
-{
-    std::vector<int> ports;
-    Test::waitFor([&] {
-        std::istringstream in(Test::readFile(readyFile));
-        ports.clear();
-        for (std::string line; std::getline(in, line);)
-            ports.push_back(std::atoi(line.c_str() + line.rfind(':') + 1));
-        return ports.size() == n;
-    }, std::chrono::seconds(60));
-    if (ports.size() != n)
-        throw std::runtime_error(format("orvex-devsim printed %zu of %zu ready lines", ports.size(), n));
-    return ports;
-}
-
 double mean(const std::vector<double>& values)
 {
     return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
@@ -106,13 +89,10 @@ void measureFleet(const Settings& s, Report& report)
     if (access("/usr/local/sbin/orvex-session", X_OK) != 0)
         throw std::runtime_error("no /usr/local/sbin/orvex-session in the namespace (bench/run.sh copies it there)");
     const int n = s.devices;
-    Test::TempDir dir;
-    Test::Spawn sim = command({ORVEX_DEVSIM, "--family", "mixed", "--devices", std::to_string(n), "--tls", "--port",
-                               "0", "--stdin-watch"});
-    sim.stdinPipe = true;
-    sim.stdoutPath = dir.file("ready");
-    Child devsim(sim);
-    const std::vector<int> ports = devicePorts(dir.file("ready"), static_cast<size_t>(n));
+    std::unique_ptr<Child> devsim;
+    const std::vector<int> ports = Test::startDevsim(
+        {ORVEX_DEVSIM, "--family", "mixed", "--devices", std::to_string(n), "--tls", "--port", "0", "--stdin-watch"},
+        static_cast<size_t>(n), devsim);
     std::vector<std::unique_ptr<BareDevice>> bare;
     for (int port : ports)
         bare.push_back(std::make_unique<BareDevice>(port, true, clientContext(true)));
@@ -176,7 +156,7 @@ void measureFleet(const Settings& s, Report& report)
     // Idle: the CPU every session process uses over two keep-alive periods, from the
     // threads' run times (a tick costs about a millisecond, far below the clock-tick
     // resolution of utime and stime).
-    const double simBefore = runSecondsOf(devsim.pid());
+    const double simBefore = runSecondsOf(devsim->pid());
     const auto idleStart = Clock::now();
     std::this_thread::sleep_for(std::chrono::seconds(s.idleSeconds));
     const double idle = since(idleStart);
@@ -189,7 +169,7 @@ void measureFleet(const Settings& s, Report& report)
         }
     report.row(format("fleet idle CPU, %d s (%% of one core)", s.idleSeconds), format("%zu daemons", alive),
                single(100 * used / idle), "the simulator answering their keep-alive checks",
-               single(100 * (runSecondsOf(devsim.pid()) - simBefore) / idle));
+               single(100 * (runSecondsOf(devsim->pid()) - simBefore) / idle));
     report.goal(format("fleet idle CPU, %d sessions, %d s idle <= 1 %% of one core", n, s.idleSeconds),
                 pids.empty() || alive != pids.size() ? NAN : 100 * used / idle, 1, true,
                 format("%.2f CPU-s in %.0f s; %zu of %zu sessions alive after it", used, idle, alive, pids.size()));

@@ -26,49 +26,50 @@ std::string Logged::header(const char* name) const
     return text(headers.get(), name);
 }
 
-Devsim::Devsim(const std::string& family, bool tls, const std::vector<std::string>& extra) : tls_(tls)
+std::vector<int> startDevsim(std::vector<std::string> argv, size_t devices, std::unique_ptr<Child>& child)
 {
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0)
-        throw std::runtime_error("orvex-devsim: no pipe for the ready line");
+        throw std::runtime_error("orvex-devsim: no pipe for the ready lines");
     UniqueFd readEnd(out[0]), writeEnd(out[1]);
     Spawn spawn;
-    spawn.argv = {ORVEX_DEVSIM, "--family", family, "--host", "127.0.0.1", "--port", "0", "--log",
-                  dir_.file("requests"), "--stdin-watch"};
-    if (tls)
-        spawn.argv.push_back("--tls");
-    spawn.argv.insert(spawn.argv.end(), extra.begin(), extra.end());
+    spawn.argv = std::move(argv);
     spawn.stdinPipe = true;
     spawn.stdoutFd = writeEnd.get();
-    child_ = std::make_unique<Child>(spawn);
+    child = std::make_unique<Child>(spawn);
     writeEnd.reset();
-    readReadyLine(readEnd.get());
+    std::vector<int> ports;
+    std::string line;
+    for (char c; ports.size() < devices;) {
+        pollfd p{readEnd.get(), POLLIN, 0};
+        if (poll(&p, 1, 20000) <= 0 || read(readEnd.get(), &c, 1) != 1)
+            throw std::runtime_error("orvex-devsim gave " + std::to_string(ports.size()) + " of " +
+                                     std::to_string(devices) + " ready lines: " + line);
+        if (c != '\n') {
+            line += c;
+        } else if (line.rfind("orvex-devsim listening on http", 0) == 0) {
+            ports.push_back(std::atoi(line.c_str() + line.rfind(':') + 1));
+            line.clear();
+        } else {
+            throw std::runtime_error("orvex-devsim: unexpected ready line: " + line);
+        }
+    }
+    return ports;
+}
+
+Devsim::Devsim(const std::string& family, bool tls, const std::vector<std::string>& extra) : tls_(tls)
+{
+    std::vector<std::string> argv = {ORVEX_DEVSIM, "--family", family, "--host", "127.0.0.1", "--port", "0",
+                                     "--log", dir_.file("requests"), "--stdin-watch"};
+    if (tls)
+        argv.push_back("--tls");
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    port_ = startDevsim(argv, 1, child_).front();
 }
 
 Devsim::~Devsim()
 {
     stop();
-}
-
-// "orvex-devsim listening on <scheme>://127.0.0.1:<port>"
-void Devsim::readReadyLine(int fd)
-{
-    std::string ready;
-    char c;
-    while (ready.find('\n') == std::string::npos) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 20000) <= 0 || read(fd, &c, 1) != 1) {
-            stop();
-            throw std::runtime_error("orvex-devsim gave no ready line: " + ready);
-        }
-        ready += c;
-    }
-    std::string prefix = std::string("orvex-devsim listening on ") + (tls_ ? "https" : "http") + "://127.0.0.1:";
-    if (ready.compare(0, prefix.size(), prefix) != 0) {
-        stop();
-        throw std::runtime_error("orvex-devsim: unexpected ready line: " + ready);
-    }
-    port_ = std::atoi(ready.c_str() + prefix.size());
 }
 
 int Devsim::stop()

@@ -23,6 +23,12 @@ struct Logged {
     bool hasHeader(const char* name) const { return json_object_get(headers.get(), name) != nullptr; }
 };
 
+// Starts the simulator with these words (its standard input a pipe: it ends when that
+// closes; its standard output taken for the ready lines, "orvex-devsim listening on
+// <scheme>://<host>:<port>", one per device) into child. Returns the ports in device order;
+// throws when a line does not come within 20 s.
+std::vector<int> startDevsim(std::vector<std::string> argv, size_t devices, std::unique_ptr<Child>& child);
+
 class Devsim {
 public:
     // family: "legacy" or "token"; extra: further command-line words (fault knobs).
@@ -50,8 +56,6 @@ public:
     std::string signinArgs(const std::string& pass = "secret") const;
 
 private:
-    void readReadyLine(int fd);
-
     bool tls_;
     TempDir dir_;
     std::unique_ptr<Child> child_;

@@ -14,7 +14,6 @@
 #include <Poco/StreamCopier.h>
 #include <openssl/ssl.h>
 
-#include <sstream>
 
 using namespace Orvex::Test;
 using Orvex::JsonRef;
@@ -43,20 +42,9 @@ Answer get(int port, const std::string& target)
 
 TEST(Devsim, ManyDevicesInOneProcessEachOnItsOwnPortWithItsOwnState)
 {
-    TempDir dir;
-    Spawn spawn;
-    spawn.argv = {ORVEX_DEVSIM, "--family", "mixed", "--devices", "3", "--port", "0", "--stdin-watch"};
-    spawn.stdinPipe = true;
-    spawn.stdoutPath = dir.file("ready");
-    Child sim(spawn);
-    std::vector<int> ports;
-    ASSERT_TRUE(waitFor([&] {
-        std::istringstream lines(readFile(dir.file("ready")));
-        ports.clear();
-        for (std::string line; std::getline(lines, line);)
-            ports.push_back(std::atoi(line.c_str() + line.rfind(':') + 1));
-        return ports.size() == 3;
-    }));
+    std::unique_ptr<Child> sim;
+    const std::vector<int> ports =
+        startDevsim({ORVEX_DEVSIM, "--family", "mixed", "--devices", "3", "--port", "0", "--stdin-watch"}, 3, sim);
     // Even devices play legacy, odd ones token; a token is good only where it was issued.
     const std::string grant = "/zem/oauth/token?grant_type=password&username=admin&password=" + Orvex::btoa("secret");
     EXPECT_EQ(get(ports[0], grant).status, 404);
@@ -66,8 +54,8 @@ TEST(Devsim, ManyDevicesInOneProcessEachOnItsOwnPortWithItsOwnState)
     const std::string token = json_string_value(json_object_get(json.get(), "access_token"));
     EXPECT_EQ(get(ports[1], "/orvex/v1/rsyslog/config?sid=" + token).status, 200);
     EXPECT_EQ(get(ports[2], "/orvex/v1/rsyslog/config?sid=" + token).status, 401);
-    sim.closeStdin();
-    EXPECT_EQ(sim.wait(), 0);
+    sim->closeStdin();
+    EXPECT_EQ(sim->wait(), 0);
 }
 
 TEST(Devsim, Tls11OnlyDeviceSpeaksTls11AndNothingNewer)

@@ -24,6 +24,7 @@ using namespace Orvex;
 using Orvex::Test::BusReply;
 using Orvex::Test::ServedBus;
 using Orvex::Test::Pipe;
+using Orvex::Test::errorReply;
 
 namespace {
 
@@ -100,11 +101,6 @@ void toService(const char* method, zs_io* io, int fd)
     dispatched.set();
 }
 
-std::string reply(int code, const std::string& message)
-{
-    return "{\"error_code\":" + std::to_string(code) + ",\"error_message\":\"" + message + "\"}";
-}
-
 bool noChildren() { return ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
 class Worker : public ::testing::Test {
@@ -118,11 +114,11 @@ TEST_F(Worker, EveryExceptionBecomesItsErrorReply)
 {
     ASSERT_TRUE(bus.ok());
     const std::pair<const char*, std::string> table[] = {
-        {"option", reply(400, "port incorrect")}, {"notfound", reply(403, "")},
-        {"syslog", reply(502, "syslog down")}, {"mysql", reply(500, "")},
-        {"database", reply(508, "disk full")}, {"onlineuser", reply(500, "user busy")},
-        {"poco3", reply(507, "")}, {"poco1644", reply(507, "")}, {"poco", reply(500, "")},
-        {"int", reply(500, "")},
+        {"option", errorReply(400, "port incorrect")}, {"notfound", errorReply(403, "")},
+        {"syslog", errorReply(502, "syslog down")}, {"mysql", errorReply(500, "")},
+        {"database", errorReply(508, "disk full")}, {"onlineuser", errorReply(500, "user busy")},
+        {"poco3", errorReply(507, "")}, {"poco1644", errorReply(507, "")}, {"poco", errorReply(500, "")},
+        {"int", errorReply(500, "")},
     };
     for (const auto& [kind, expected] : table)
         EXPECT_EQ(bus.call("throw", std::string("{\"kind\":\"") + kind + "\"}").body, expected) << kind;
@@ -137,10 +133,10 @@ TEST_F(Worker, FullQueueRefusesWith429AndReleasesTheCall)
     for (int i = 0; i < 5000; ++i)
         bounded.dispatch(fillEndpoint, json_object(), "fill", nullptr, -1);
 
-    EXPECT_EQ(bus.call("fill").body, reply(429, ""));
+    EXPECT_EQ(bus.call("fill").body, errorReply(429, ""));
     Pipe pipe;
     EXPECT_EQ(bus.call("fill", "{}", pipe.writeEnd()).body, "");
-    EXPECT_EQ(pipe.readAll(), "Content-Type: application/json; charset=utf-8\r\n\r\n" + reply(429, ""));
+    EXPECT_EQ(pipe.readAll(), "Content-Type: application/json; charset=utf-8\r\n\r\n" + errorReply(429, ""));
 
     gateOpen.set();
     holder.join();
