@@ -1,6 +1,7 @@
 // The bus against hostile neighbours: a listener of another user, a flood of idle callers,
 // and zs-call's exit codes for scripts.
 #include "tests/support/daemon.h"
+#include "zservice/internal.h"
 
 #include <gtest/gtest.h>
 
@@ -26,65 +27,35 @@ bool readByte(int fd, char& byte)
     return read(fd, &byte, 1) == 1;
 }
 
-// A process of uid 65534 listening on `address`. It accepts nothing until told, then
-// counts every byte its callers sent before they hung up.
-class Impostor {
-public:
-    explicit Impostor(const std::string& address)
-    {
-        if (pipe(toChild_) != 0 || pipe(fromChild_) != 0)
-            return;
-        pid_ = fork();
-        if (pid_ == 0)
-            serve(address);
-        close(toChild_[0]);
-        close(fromChild_[1]);
-        char byte = 0;
-        ready_ = readByte(fromChild_[0], byte) && byte == 'r';
-    }
-    ~Impostor()
-    {
-        close(toChild_[1]);
-        close(fromChild_[0]);
-        if (pid_ > 0)
-            waitpid(pid_, nullptr, 0);
-    }
-    bool ready() const { return ready_; }
-    // Bytes received over every connection made so far.
-    long bytesReceived()
-    {
-        long total = -1;
-        if (write(toChild_[1], "c", 1) != 1 || read(fromChild_[0], &total, sizeof(total)) != sizeof(total))
-            return -1;
-        return total;
-    }
+// A listener of uid 65534 on address: bound here and put to listen by a child that dropped
+// to that user (a listening socket carries the credentials of the process that called
+// listen), so that this process can count what callers send it. Invalid when that fails.
+Orvex::UniqueFd listenerOfNobody(const std::string& address)
+{
+    Orvex::Bus::Address parsed;
+    Orvex::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!Orvex::Bus::parseAddress(address.c_str(), parsed) ||
+        bind(fd.get(), reinterpret_cast<sockaddr*>(&parsed.addr), parsed.length) != 0)
+        return Orvex::UniqueFd();
+    const int listening = fd.get();
+    const int status = inChild([listening] {
+        _exit(setgid(kNobody) == 0 && setuid(kNobody) == 0 && listen(listening, 16) == 0 ? 0 : 1);
+    });
+    return status == 0 ? std::move(fd) : Orvex::UniqueFd();
+}
 
-private:
-    [[noreturn]] void serve(const std::string& address)
-    {
-        close(toChild_[1]);
-        close(fromChild_[0]);
-        const bool dropped = setgid(kNobody) == 0 && setuid(kNobody) == 0;
-        const int listener = dropped ? rawListen(address) : -1;
-        if (write(fromChild_[1], listener >= 0 ? "r" : "x", 1) != 1 || listener < 0)
-            _exit(1);
-        char byte = 0;
-        readByte(toChild_[0], byte);
-        fcntl(listener, F_SETFL, O_NONBLOCK);  // take what is queued, then stop
-        long total = 0;
-        for (int fd; (fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK)) >= 0; close(fd)) {
-            char buffer[4096];
-            for (ssize_t n; (n = recv(fd, buffer, sizeof(buffer), 0)) > 0;)
-                total += n;
-        }
-        _exit(write(fromChild_[1], &total, sizeof(total)) == sizeof(total) ? 0 : 1);
+// Bytes the callers queued so far sent before they hung up.
+long bytesQueued(int listener)
+{
+    fcntl(listener, F_SETFL, O_NONBLOCK);
+    long total = 0;
+    for (int fd; (fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK)) >= 0; close(fd)) {
+        char buffer[4096];
+        for (ssize_t n; (n = recv(fd, buffer, sizeof(buffer), 0)) > 0;)
+            total += n;
     }
-
-    int toChild_[2] = {-1, -1};
-    int fromChild_[2] = {-1, -1};
-    pid_t pid_ = -1;
-    bool ready_ = false;
-};
+    return total;
+}
 
 }  // namespace
 
@@ -94,8 +65,8 @@ TEST(ZserviceTrust, AListenerOfAnotherUserGetsNotOneByteOfTheCallButACallerOfAno
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to play a user of another uid";
     const std::string address = uniqueAddress("impostor");
-    Impostor impostor(address);
-    ASSERT_TRUE(impostor.ready());
+    const Orvex::UniqueFd impostor = listenerOfNobody(address);
+    ASSERT_TRUE(impostor);
 
     const BusReply reply = busCall(address, "signin", "{\"pass\":\"secret\"}", -1, 5);
     EXPECT_EQ(-1, reply.rc);
@@ -105,7 +76,7 @@ TEST(ZserviceTrust, AListenerOfAnotherUserGetsNotOneByteOfTheCallButACallerOfAno
     EXPECT_EQ(1, run.status);
     EXPECT_EQ("zs-call: the listener at " + address + " runs as uid 65534, neither root nor us: nothing sent\n",
         run.err);
-    EXPECT_EQ(0, impostor.bytesReceived());
+    EXPECT_EQ(0, bytesQueued(impostor.get()));
 
     TestService service;  // policy 0: admits every local user
     const int status = inChild([&] {
