@@ -3,6 +3,7 @@
 #include "service/service.h"
 
 #include "tests/support/bus.h"
+#include "tests/support/service.h"
 
 #include <Poco/Event.h>
 
@@ -18,6 +19,7 @@
 using namespace Orvex;
 using Orvex::Test::ServedBus;
 using Orvex::Test::Pipe;
+using Orvex::Test::toService;
 
 namespace {
 
@@ -68,8 +70,6 @@ public:
     }
 };
 const auto* const registry = ::testing::AddGlobalTestEnvironment(new Registry);
-
-void toService(const char* method, zs_io* io, int fd) { Service::getInstance().dispatch(method, io, fd); }
 
 class Dispatch : public ::testing::Test {
 protected:

@@ -6,6 +6,7 @@
 #include "service/worker.h"
 
 #include "tests/support/bus.h"
+#include "tests/support/service.h"
 
 #include <Poco/Channel.h>
 #include <Poco/Event.h>
@@ -33,8 +34,6 @@ namespace {
 Poco::Event stallEntered;
 Poco::Event stallRelease(Poco::Event::EVENT_MANUALRESET);
 std::atomic<int> worked{0};
-std::atomic<int> dispatched{0};
-
 void stall(zs_io* io, json_t*& args, int& fd)
 {
     stallEntered.set();
@@ -65,12 +64,6 @@ void descriptors(zs_io* io, json_t*&, int&)
     zs_reply(io);
 }
 
-void toService(const char* method, zs_io* io, int fd)
-{
-    Service::getInstance().dispatch(method, io, fd);
-    ++dispatched;
-}
-
 class Robust : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
@@ -86,7 +79,7 @@ protected:
     void SetUp() override
     {
         worked = 0;
-        dispatched = 0;
+        dispatchedCalls = 0;
         stallRelease.reset();
     }
     void TearDown() override { stallRelease.set(); }
@@ -103,7 +96,7 @@ protected:
     }
     bool dispatchedAtLeast(int n)
     {
-        return waitFor([&] { return dispatched.load() >= n; }, 60s);  // sanitizers parse 15 MiB slowly
+        return waitFor([&] { return dispatchedCalls.load() >= n; }, 60s);  // sanitizers parse 15 MiB slowly
     }
 
     ServedBus bus_{uniqueAddress("robust"), &toService, 30, 0};

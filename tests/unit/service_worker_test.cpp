@@ -4,6 +4,7 @@
 #include "service/worker.h"
 
 #include "tests/support/bus.h"
+#include "tests/support/service.h"
 
 #include <Poco/Event.h>
 #include <Poco/Thread.h>
@@ -24,6 +25,7 @@ using namespace Orvex;
 using Orvex::Test::BusReply;
 using Orvex::Test::ServedBus;
 using Orvex::Test::Pipe;
+using Orvex::Test::toService;
 using Orvex::Test::errorReply;
 
 namespace {
@@ -32,7 +34,7 @@ namespace {
 PthreadWorker bounded(5000);
 Poco::Thread boundedThread;
 
-Poco::Event gateEntered, fillsDone, dispatched;
+Poco::Event gateEntered, fillsDone;
 Poco::Event gateOpen(Poco::Event::EVENT_MANUALRESET);
 std::atomic<int> fills{0};
 int slowGate[2] = {-1, -1};
@@ -95,12 +97,6 @@ public:
 };
 const auto* const workers = ::testing::AddGlobalTestEnvironment(new Workers);
 
-void toService(const char* method, zs_io* io, int fd)
-{
-    Service::getInstance().dispatch(method, io, fd);
-    dispatched.set();
-}
-
 bool noChildren() { return ::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
 class Worker : public ::testing::Test {
@@ -149,10 +145,10 @@ TEST_F(Worker, FullQueueRefusesWith429AndReleasesTheCall)
 TEST_F(Worker, ProcessWorkerNeverWaitsForTheHandlerAndLeavesNoZombie)
 {
     ASSERT_EQ(::pipe(slowGate), 0);
-    dispatched.reset();
+    Orvex::Test::dispatchedCalls = 0;
     BusReply r;
     std::thread caller([&] { r = bus.call("slow", "{\"n\":1}"); });
-    ASSERT_TRUE(dispatched.tryWait(10000));  // while the handler still waits on its gate
+    ASSERT_TRUE(Orvex::Test::waitFor([] { return Orvex::Test::dispatchedCalls > 0; }));  // the handler still waits
     EXPECT_TRUE(noChildren());
     ASSERT_EQ(::write(slowGate[1], "x", 1), 1);
     caller.join();
