@@ -235,9 +235,16 @@ alive() { [ -e "/proc/$1" ] && ! grep -qE '^[0-9]+ \(.*\) Z' "/proc/$1/stat"; }
 
 session_pid=
 start_session() {
+  local _
   /usr/local/sbin/orvex-session -m 02:00:00:00:00:09 || return 1
-  session_pid=$(cat /run/lock/orvex-session@02:00:00:00:00:09.pid 2>/dev/null)
-  [ -n "$session_pid" ] && alive "$session_pid"
+  # The starter returns once the daemon has detached, before the daemon takes its lock.
+  for _ in $(seq 100); do
+    session_pid=$(cat /run/lock/orvex-session@02:00:00:00:00:09.pid 2>/dev/null)
+    [ -n "$session_pid" ] && alive "$session_pid" && return 0
+    sleep 0.1
+  done
+  echo "  no daemon holds /run/lock/orvex-session@02:00:00:00:00:09.pid after 10 s"
+  return 1
 }
 # The prerm signs out and signals; give the process the grace period to go.
 session_stopped() {
