@@ -25,13 +25,6 @@ namespace {
 const std::string kMac = "00:11:22:33:44:55";
 constexpr uid_t kNobody = 65534;
 
-RunResult runDaemon(const std::vector<std::string>& args)
-{
-    std::vector<std::string> argv = {daemonBinary()};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run(argv, {}, "", 10s);
-}
-
 unsigned modeOf(const std::string& path)
 {
     struct stat st{};
@@ -86,21 +79,21 @@ TEST_F(DaemonFiles, LockFileRefusesLinksFifosAndFilesOfOtherUsers)
     std::ofstream(victim) << "precious";
 
     ASSERT_EQ(symlink(victim.c_str(), lock.c_str()), 0);
-    RunResult linked = runDaemon({"-d", "-m", kMac});
+    RunResult linked = run({daemonBinary(), "-d", "-m", kMac});
     EXPECT_EQ(linked.status, 1);
     EXPECT_EQ(linked.err, "orvex-session lock file " + lock + " is a symbolic link, refused.\n");
     EXPECT_EQ(readFile(victim), "precious");
     unlink(lock.c_str());
 
     ASSERT_EQ(mkfifo(lock.c_str(), 0644), 0);
-    RunResult fifo = runDaemon({"-d", "-m", kMac});
+    RunResult fifo = run({daemonBinary(), "-d", "-m", kMac});
     EXPECT_EQ(fifo.status, 1) << "a FIFO must not stall the start";
     EXPECT_EQ(fifo.err, "orvex-session lock file " + lock + " is not a regular file, refused.\n");
     unlink(lock.c_str());
 
     std::ofstream(lock) << "1";
     ASSERT_EQ(chown(lock.c_str(), kNobody, kNobody), 0);
-    RunResult foreign = runDaemon({"-d", "-m", kMac});
+    RunResult foreign = run({daemonBinary(), "-d", "-m", kMac});
     EXPECT_EQ(foreign.status, 1);
     EXPECT_EQ(foreign.err, "orvex-session lock file " + lock + " belongs to uid 65534, refused.\n");
     ASSERT_EQ(chown(lock.c_str(), 0, 0), 0);
@@ -108,7 +101,7 @@ TEST_F(DaemonFiles, LockFileRefusesLinksFifosAndFilesOfOtherUsers)
     chmod(lock.c_str(), 0644);
     pid_t holder = holdLockAsNobody(lock);
     ASSERT_GT(holder, 0);
-    RunResult held = runDaemon({"-d", "-m", kMac});
+    RunResult held = run({daemonBinary(), "-d", "-m", kMac});
     endProcess(holder);
     EXPECT_EQ(held.status, 1);
     EXPECT_EQ(held.err, "orvex-session lock file " + lock + " is held by pid " + std::to_string(holder) +
@@ -125,7 +118,7 @@ TEST_F(DaemonFiles, DetachedDaemonCreatesNothingWritableByOthersAndNeverLogsThro
     const std::string folder = std::filesystem::path(Paths::kLogPath).parent_path();
     std::filesystem::remove_all(folder);
     std::filesystem::remove_all(Paths::kStatusDirectory);
-    RunResult starter = runDaemon({"-m", kMac});
+    RunResult starter = run({daemonBinary(), "-m", kMac});
     ASSERT_EQ(starter.status, 0);
     EXPECT_EQ(starter.err, "");
     ASSERT_TRUE(waitFor([] { return answers(kMac); }));
@@ -155,7 +148,7 @@ TEST_F(DaemonFiles, DetachedDaemonCreatesNothingWritableByOthersAndNeverLogsThro
     std::ofstream(victim) << "precious";
     std::filesystem::remove(Paths::kLogPath);
     ASSERT_EQ(symlink(victim.c_str(), Paths::kLogPath), 0);
-    ASSERT_EQ(runDaemon({"-m", kMac}).status, 0);
+    ASSERT_EQ(run({daemonBinary(), "-m", kMac}).status, 0);
     EXPECT_FALSE(waitFor([] { return answers(kMac); }, 2s)) << "the daemon must not run with a planted log link";
     EXPECT_EQ(readFile(victim), "precious");
     std::filesystem::remove(Paths::kLogPath);
@@ -183,7 +176,7 @@ TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFi
     const std::vector<std::string> macs = {"02:00:00:00:00:01", "02:00:00:00:00:02"};
     std::map<std::string, std::string> tags;
     for (const std::string& mac : macs) {
-        ASSERT_EQ(runDaemon({"-m", mac, "-l", "8"}).status, 0);
+        ASSERT_EQ(run({daemonBinary(), "-m", mac, "-l", "8"}).status, 0);
         ASSERT_TRUE(waitFor([&] { return answers(mac); }));
         std::string pid = std::to_string(lockHolder(mac));
         tags[pid] = "[" + mac + " " + pid + "]";

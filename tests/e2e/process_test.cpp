@@ -28,12 +28,11 @@ TEST(ProcessEntry, NormalisesTheMacAndNamesLockAndServiceAfterIt)
 
 TEST(ProcessEntry, RefusesAnInvalidOrMissingMacBeforeDetaching)
 {
+    const std::string daemon = daemonBinary();
     const std::vector<std::vector<std::string>> cases = {
-        {"-m", "00-11-22-33-44-55"}, {"-d", "-m", "00-11-22-33-44-55"}, {"-m", "00:11:22:33:44"},
-        {"-d", "-m", "00:11:22:33:44:5g"}, {"-m", "00:11:22:33:44:55:66"}, {"-d"}, {}};
-    for (const auto& args : cases) {
-        std::vector<std::string> argv = {daemonBinary()};
-        argv.insert(argv.end(), args.begin(), args.end());
+        {daemon, "-m", "00-11-22-33-44-55"}, {daemon, "-d", "-m", "00-11-22-33-44-55"}, {daemon, "-m", "00:11:22:33:44"},
+        {daemon, "-d", "-m", "00:11:22:33:44:5g"}, {daemon, "-m", "00:11:22:33:44:55:66"}, {daemon, "-d"}, {daemon}};
+    for (const auto& argv : cases) {
         RunResult result = run(argv);
         EXPECT_EQ(result.status, 1) << argv.back();
         EXPECT_EQ(result.err, "invalid mac address\n") << argv.back();
