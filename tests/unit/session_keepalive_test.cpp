@@ -44,10 +44,10 @@ int tickInChild(time_t stamp = time(nullptr))
     });
 }
 
-// The simulator counts a credential's life in whole seconds; two are past any rounding.
+// The simulator's credentials of "--expire-after 1" live one second from their issue.
 void waitUntilExpired()
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
 }
 
 }  // namespace

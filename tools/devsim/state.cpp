@@ -20,7 +20,7 @@ std::string Sessions::openSession()
 {
     std::lock_guard<std::mutex> lock(mutex_);
     std::string sid = randomHex(8);
-    entries_[sid] = Entry{time(nullptr), "", false};
+    entries_[sid] = Entry{Clock::now(), "", false};
     return sid;
 }
 
@@ -28,7 +28,7 @@ TokenPair Sessions::openTokens()
 {
     std::lock_guard<std::mutex> lock(mutex_);
     TokenPair pair{randomHex(16), randomHex(16)};
-    time_t now = time(nullptr);
+    const Clock::time_point now = Clock::now();
     entries_[pair.access] = Entry{now, pair.refresh, false};
     entries_[pair.refresh] = Entry{now, pair.access, true};
     return pair;
@@ -39,7 +39,7 @@ bool Sessions::liveLocked(const std::string& credential, bool wantRefresh) const
     auto it = entries_.find(credential);
     if (it == entries_.end() || it->second.refreshOnly != wantRefresh)
         return false;
-    return expireAfter_ == 0 || time(nullptr) - it->second.issued < expireAfter_;
+    return expireAfter_ == 0 || Clock::now() - it->second.issued < std::chrono::seconds(expireAfter_);
 }
 
 bool Sessions::refresh(const std::string& refreshToken, TokenPair& out)
@@ -68,8 +68,8 @@ long Sessions::secondsLeft(const std::string& credential) const
         return 0;
     if (expireAfter_ == 0)
         return 3600;
-    long left = static_cast<long>(it->second.issued + expireAfter_ - time(nullptr));
-    return left > 0 ? left : 0;
+    const auto left = it->second.issued + std::chrono::seconds(expireAfter_) - Clock::now();
+    return left > Clock::duration::zero() ? static_cast<long>(std::chrono::ceil<std::chrono::seconds>(left).count()) : 0;
 }
 
 void Sessions::close(const std::string& credential)

@@ -3,6 +3,7 @@
 // server thread; each takes the object's one mutex for its whole (short) run.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <map>
@@ -37,8 +38,11 @@ public:
     int lifetime() const { return expireAfter_ ? expireAfter_ : 3600; }
 
 private:
+    // Lifetimes are measured from the moment of issue, not in calendar seconds, so that a
+    // credential of one second never dies during the sign-in that got it.
+    using Clock = std::chrono::steady_clock;
     struct Entry {
-        time_t issued;
+        Clock::time_point issued;
         std::string partner;  // access <-> refresh token; empty for legacy ids
         bool refreshOnly;     // a refresh token is not a credential for requests
     };
