@@ -58,9 +58,11 @@ double mean(const std::vector<double>& values)
 }
 
 // N bare POCO processes, each idle after one HTTPS sign-in and request (it prints "ready"
-// then): PSS and threads per process with as many running, and the time to end them.
+// then): PSS and threads per process with as many running, their CPU (% of one core) over
+// the idle time, in which each makes the exchanges of a daemon's keep-alive ticks, and the
+// time to end them.
 double bareProcesses(const Settings& s, const std::vector<int>& ports, std::vector<double>& pss,
-                     std::vector<double>& threads)
+                     std::vector<double>& threads, double& idleCpu)
 {
     Test::TempDir dir;
     std::vector<std::unique_ptr<Child>> peers;
@@ -69,10 +71,18 @@ double bareProcesses(const Settings& s, const std::vector<int>& ports, std::vect
     for (size_t i = 0; i < ports.size(); ++i)
         Test::waitFor([&] { return !Test::readFile(dir.file(std::to_string(i))).empty() || !peers[i]->running(); },
                       std::chrono::seconds(60));
+    std::vector<double> cpu;
     for (auto& peer : peers) {
         pss.push_back(static_cast<double>(memoryOf(peer->pid()).pssKb));
         threads.push_back(static_cast<double>(threadsOf(peer->pid())));
+        cpu.push_back(runSecondsOf(peer->pid()));
     }
+    const auto idleStart = Clock::now();
+    std::this_thread::sleep_for(std::chrono::seconds(s.idleSeconds));
+    double used = 0;
+    for (size_t i = 0; i < peers.size(); ++i)
+        used += runSecondsOf(peers[i]->pid()) - cpu[i];
+    idleCpu = 100 * used / since(idleStart);
     const auto start = Clock::now();
     for (auto& peer : peers)
         peer->signal(SIGTERM);
@@ -199,7 +209,11 @@ void measureFleet(const Settings& s, Report& report)
     Test::killSessions();
 
     std::vector<double> barePss, bareThreads;
-    const double bareStop = bareProcesses(s, ports, barePss, bareThreads);
+    double bareIdle = 0;
+    const double bareStop = bareProcesses(s, ports, barePss, bareThreads, bareIdle);
+    report.row(format("fleet idle CPU, %d s (%% of one core)", s.idleSeconds), format("%zu daemons", alive),
+               single(100 * used / idle), format("%d bare POCO processes making the ticks' exchanges", n),
+               single(bareIdle));
     report.row(format("fleet stop, %d sessions (s)", n), "orvexctl stop --all until every process ended",
                single(stop), "SIGTERM to as many bare POCO processes", single(bareStop));
     report.row(format("PSS per process, %d running (KB)", n), "daemon, signed in (HTTPS), idle", summarize(pss),
