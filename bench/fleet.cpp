@@ -57,6 +57,22 @@ double mean(const std::vector<double>& values)
     return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
 }
 
+// The run time each process's threads use while this waits `seconds` (NaN for one that has
+// ended), and the seconds waited. Run times, not utime and stime: a keep-alive tick costs
+// about a millisecond, far below their clock-tick resolution.
+std::vector<double> runSecondsOver(const std::vector<pid_t>& pids, int seconds, double& waited)
+{
+    std::vector<double> used;
+    for (pid_t pid : pids)
+        used.push_back(runSecondsOf(pid));
+    const auto start = Clock::now();
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    waited = since(start);
+    for (size_t i = 0; i < pids.size(); ++i)
+        used[i] = kill(pids[i], 0) == 0 ? runSecondsOf(pids[i]) - used[i] : NAN;
+    return used;
+}
+
 // N bare POCO processes, each idle after one HTTPS sign-in and request (it prints "ready"
 // then): PSS and threads per process with as many running, their CPU (% of one core) over
 // the idle time, in which each makes the exchanges of a daemon's keep-alive ticks, and the
@@ -71,18 +87,16 @@ double bareProcesses(const Settings& s, const std::vector<int>& ports, std::vect
     for (size_t i = 0; i < ports.size(); ++i)
         Test::waitFor([&] { return !Test::readFile(dir.file(std::to_string(i))).empty() || !peers[i]->running(); },
                       std::chrono::seconds(60));
-    std::vector<double> cpu;
+    std::vector<pid_t> pids;
     for (auto& peer : peers) {
+        pids.push_back(peer->pid());
         pss.push_back(static_cast<double>(memoryOf(peer->pid()).pssKb));
         threads.push_back(static_cast<double>(threadsOf(peer->pid())));
-        cpu.push_back(runSecondsOf(peer->pid()));
     }
-    const auto idleStart = Clock::now();
-    std::this_thread::sleep_for(std::chrono::seconds(s.idleSeconds));
-    double used = 0;
-    for (size_t i = 0; i < peers.size(); ++i)
-        used += runSecondsOf(peers[i]->pid()) - cpu[i];
-    idleCpu = 100 * used / since(idleStart);
+    double waited = 0, used = 0;
+    for (double seconds : runSecondsOver(pids, s.idleSeconds, waited))
+        used += std::isnan(seconds) ? 0 : seconds;
+    idleCpu = 100 * used / waited;
     const auto start = Clock::now();
     for (auto& peer : peers)
         peer->signal(SIGTERM);
@@ -152,34 +166,32 @@ void measureFleet(const Settings& s, Report& report)
                 format("daemons %.2f s / bare client %.2f s", startFleet, startBare));
 
     std::vector<pid_t> pids;
-    std::vector<double> pss, threads, cpu;
+    std::vector<double> pss, threads;
     for (int i = 0; i < n; ++i)
         if (pid_t pid = Test::lockHolder(fleetMac(i))) {
             pids.push_back(pid);
             pss.push_back(static_cast<double>(memoryOf(pid).pssKb));
             threads.push_back(static_cast<double>(threadsOf(pid)));
-            cpu.push_back(runSecondsOf(pid));
         }
     if (static_cast<int>(pids.size()) != n)
         report.note(format("fleet: %zu of %d session processes running after the changes", pids.size(), n));
 
-    // Idle: the CPU every session process uses over two keep-alive periods, from the
-    // threads' run times (a tick costs about a millisecond, far below the clock-tick
-    // resolution of utime and stime).
-    const double simBefore = runSecondsOf(devsim->pid());
-    const auto idleStart = Clock::now();
-    std::this_thread::sleep_for(std::chrono::seconds(s.idleSeconds));
-    const double idle = since(idleStart);
+    // Idle: the CPU every session process uses over two keep-alive periods, and the
+    // simulator's for answering their keep-alive checks (the last one watched).
+    std::vector<pid_t> watched = pids;
+    watched.push_back(devsim->pid());
+    double idle = 0;
+    const std::vector<double> idleUse = runSecondsOver(watched, s.idleSeconds, idle);
     double used = 0;
     size_t alive = 0;
     for (size_t i = 0; i < pids.size(); ++i)
-        if (kill(pids[i], 0) == 0) {
+        if (!std::isnan(idleUse[i])) {
             ++alive;
-            used += runSecondsOf(pids[i]) - cpu[i];
+            used += idleUse[i];
         }
     report.row(format("fleet idle CPU, %d s (%% of one core)", s.idleSeconds), format("%zu daemons", alive),
                single(100 * used / idle), "the simulator answering their keep-alive checks",
-               single(100 * (runSecondsOf(devsim->pid()) - simBefore) / idle));
+               single(100 * idleUse.back() / idle));
     report.goal(format("fleet idle CPU, %d sessions, %d s idle <= 1 %% of one core", n, s.idleSeconds),
                 pids.empty() || alive != pids.size() ? NAN : 100 * used / idle, 1, true,
                 format("%.2f CPU-s in %.0f s; %zu of %zu sessions alive after it", used, idle, alive, pids.size()));

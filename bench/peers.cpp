@@ -2,8 +2,8 @@
 // the bare POCO device client.
 #include "bench/bench.h"
 
-#include <sys/socket.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
