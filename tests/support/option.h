@@ -4,6 +4,7 @@
 
 #include "common/raii.h"
 #include "option/option.h"
+#include "tests/support/process.h"
 
 #include <gtest/gtest.h>
 
@@ -11,19 +12,12 @@
 
 namespace Orvex::Test {
 
-inline JsonRef parse(const std::string& text)
-{
-    json_error_t error;
-    JsonRef value = JsonRef::adopt(json_loads(text.c_str(), JSON_DECODE_ANY | JSON_ALLOW_NUL, &error));
-    EXPECT_TRUE(value) << text << ": " << error.text;
-    return value;
-}
-
 // "" when the record builds, else the message of its OptionException (which must carry 400).
 template <class Record, class... Extra>
 std::string outcome(const std::string& args, Extra... extra)
 {
-    JsonRef json = parse(args);
+    JsonRef json = parseJson(args);
+    EXPECT_TRUE(json) << args;
     try {
         Record record(json.get(), extra...);
         return "";
@@ -36,7 +30,8 @@ std::string outcome(const std::string& args, Extra... extra)
 template <class Record, class... Extra>
 Record build(const std::string& args, Extra... extra)
 {
-    JsonRef json = parse(args);
+    JsonRef json = parseJson(args);
+    EXPECT_TRUE(json) << args;
     return Record(json.get(), extra...);
 }
 

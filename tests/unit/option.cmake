@@ -1,7 +1,7 @@
 # Option records.
 orvex_add_gtest(option_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/option_records_test.cpp
-  LIBS orvex::option)
+  LIBS orvex::option orvex_test_support)
 
 # The port probe shells out to /usr/sbin/lsof (the appliance's path; Debian keeps lsof in
 # /usr/bin) and looks at real listening sockets, so its tests run ISOLATED: tests/isolate.sh

@@ -184,9 +184,9 @@ TEST(IdOption, RewritesASingleIdIntoAnArrayInTheCallersObject)
         {R"({"id":["12",13],"legacy":"true"})", R"(["12",13])", 12},
     };
     for (const auto& c : cases) {
-        JsonRef args = parse(c.args);
+        JsonRef args = parseJson(c.args);
         IdOption option(args.get(), true);
-        JsonRef expected = parse(c.rewritten);
+        JsonRef expected = parseJson(c.rewritten);
         EXPECT_TRUE(json_equal(json_object_get(args.get(), "id"), expected.get())) << c.args;
         ASSERT_EQ(option.ids.size(), json_array_size(expected.get())) << c.args;
         EXPECT_EQ(option.ids[0], c.id) << c.args;
@@ -197,7 +197,7 @@ TEST(IdOption, RewritesASingleIdIntoAnArrayInTheCallersObject)
 
 TEST(IdOption, WithoutReadingOnlyTheCallerContextIsTaken)
 {
-    JsonRef args = parse(R"({"id":7,"legacy":true,"__SESSION__":{"user":"bob"}})");
+    JsonRef args = parseJson(R"({"id":7,"legacy":true,"__SESSION__":{"user":"bob"}})");
     IdOption option(args.get(), false);
     EXPECT_TRUE(option.ids.empty());
     EXPECT_FALSE(option.legacy);
