@@ -63,7 +63,7 @@ constexpr long kKeepAlivePeriodMs = 60000;
 // The shutdown steps after SIGTERM (sign-out included, whose device exchanges are each
 // bounded) must end by then, or the process ends without them.
 constexpr unsigned kShutdownLimitSeconds = 30;
-// One reads and runs a call while the other keeps accepting and queueing.
+// One serves the bus and runs its calls; the other takes over while a call lasts.
 constexpr int kBusThreads = 2;
 
 const char* const kUsage =
@@ -372,9 +372,9 @@ int run(int argc, char** argv)
     connectBus(options.mac);
     observeSession(session, status);
     KeepAlive keepAlive(session, *status);
-    // Calls run on the bus's two loop threads, so the one that reads a call runs it while
-    // the other serves the bus; the keep-alive ticks come from the bus's timer and run
-    // between the calls. The Poco timer only holds the schedule that alive() is given.
+    // Calls run on the bus's loop threads: the one serving the bus runs what it reads, and
+    // the other takes the bus over only while a call (or tick) lasts; the keep-alive ticks
+    // come from the bus's timer and run between the calls. The Poco timer only holds the schedule that alive() is given.
     Poco::Timer timer(kKeepAliveStartMs, kKeepAlivePeriodMs);
     Service& service = Service::getInstance();
     service.runCallsOnBusThreads();

@@ -85,20 +85,23 @@ int fail(int error)
     return -1;
 }
 
-int readHeader(int fd, Header& header, int64_t deadline)
+// Reads the header, and with it what has already come of the body (a small reply whole),
+// into `first`; `got` counts the bytes read.
+int readHeader(int fd, Header& header, char* first, size_t size, size_t& got, int64_t deadline)
 {
-    uint8_t head[ZS_HEADER_SIZE];
-    for (size_t got = 0; got < sizeof(head);) {
+    for (got = 0; got < ZS_HEADER_SIZE;) {
         // The reply is hardly ever there yet when the call has just gone out.
-        const ssize_t n = readSome(fd, head + got, sizeof(head) - got, deadline, got == 0);
+        const ssize_t n = readSome(fd, first + got, size - got, deadline, got == 0);
         if (n <= 0)
             return fail(n == 0 ? EPROTO : errno);
         got += static_cast<size_t>(n);
     }
-    if (!decodeHeader(head, header) || header.kind != ZS_KIND_REPLY || header.nameLength != 0)
+    if (!decodeHeader(reinterpret_cast<const uint8_t*>(first), header) || header.kind != ZS_KIND_REPLY ||
+        header.nameLength != 0)
         return fail(EPROTO);
     if (header.bodyLength > ZS_MAX_BODY)
         return fail(EMSGSIZE);
+    got = std::min<size_t>(got, ZS_HEADER_SIZE + header.bodyLength);  // what follows the frame is ignored
     return 0;
 }
 
@@ -144,10 +147,13 @@ int exchange(const Address& address, const std::string& method, zs_io* io, int64
     if (sendFrame(sock.fd, call, method, io ? io->data : nullptr, passFd, deadline) != 0)
         return fail(errno);
     Header header;
-    if (readHeader(sock.fd, header, deadline) != 0)
+    char first[4096];
+    size_t got = 0;
+    if (readHeader(sock.fd, header, first, sizeof first, got, deadline) != 0)
         return -1;
     std::unique_ptr<zs_io, IoFree> reply(zs_io_create());
-    if (!reply || zs_io_realloc(reply.get(), 0) != 0)
+    if (!reply || zs_io_realloc(reply.get(), 0) != 0 ||
+        zs_io_write(reply.get(), first + ZS_HEADER_SIZE, got - ZS_HEADER_SIZE) < 0)
         return fail(ENOMEM);
     if (readBody(sock.fd, reply.get(), header.bodyLength, deadline) != 0)
         return -1;

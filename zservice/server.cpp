@@ -1,9 +1,10 @@
 // The service side: one epoll loop that accepts callers, collects their call frames
 // side by side (a slow caller only costs its own few bytes of state) and hands each
-// complete call to the handler on the loop thread. Several threads may run the loop on
-// one epoll set: each wake-up takes one event under the bus's lock, and a completed call's
-// handler runs on the thread that read it, without the lock, so the call needs no
-// hand-over to another thread while the others keep serving the bus.
+// complete call to the handler. With several threads, one at a time serves the bus (the
+// leader) and runs the calls it read, so a call needs no hand-over to another thread; a
+// leader that stays in a handler longer than kTakeOverMs is replaced by a standby thread,
+// which goes on accepting, reading and running calls. A standby only watches while calls
+// keep coming and sleeps untimed once they stop, so an idle process wakes for nothing.
 #include "zservice/internal.h"
 
 #include <signal.h>
@@ -16,7 +17,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -41,6 +45,10 @@ constexpr int kMaxEvents = 64;
 constexpr int kMaxRecvRounds = 16;       // per wake-up, so one fast sender cannot hog the loop
 constexpr size_t kMaxPassedFds = 8;      // control room per recvmsg; more is truncation
 constexpr int64_t kCapPauseMs = 10;      // at the open-call cap: look again this soon
+// A leader this long in one handler hands the bus to a standby thread; a standby that saw
+// no handler start in kQuietLooks looks sleeps until the next one.
+constexpr int64_t kTakeOverMs = 5;
+constexpr int kQuietLooks = 3;
 // Open calls hold up to two descriptors each (connection, reply descriptor); this many stay
 // for the process's own work (device connections, logs, forks) however many callers come.
 constexpr long kReservedFds = 64;
@@ -104,18 +112,27 @@ struct zs {
     int64_t acceptPausedUntil = -1;
     long maxOpenCalls = kMaxOpenCalls;
     std::atomic<bool> running{false};
-    // Loop threads take one event at a time under this lock; handlers run without it.
+    // The loop's state is read and changed under this lock; handlers run without it.
     std::mutex mutex;
-    std::vector<ReadyCall> ready;  // completed under the lock, handed over after it
+    std::deque<ReadyCall> ready;  // complete calls, taken one at a time by the leader
     std::atomic<bool> stopping{false};
     int serving = 0;  // loop threads still running, under mutex
+    // Leadership (under mutex): which thread serves the bus, whether it is in a handler and
+    // since when, how many handlers it started (standbys watch that count), and how many
+    // standbys sleep untimed (only those need a wake-up when a handler starts).
+    int leader = -1;
+    bool leaderBusy = false;
+    int64_t busySince = 0;
+    uint64_t handlersStarted = 0;
+    int deepSleepers = 0;
+    std::condition_variable standby;
     void (*timerCallback)(void*) = nullptr;
     void* timerArg = nullptr;
     int64_t timerFirstMs = 0;
     int64_t timerPeriodMs = 0;
     int64_t timerDue = kNoDeadline;
     bool timerRunning = false;  // its callback is running on some loop thread
-    bool oneShot = false;       // several loop threads: see arm()
+    bool signalsPending = false;
     // Not zeroed: an idle process then keeps only the pages that calls were received into.
     std::unique_ptr<char[]> scratch;
 
@@ -124,6 +141,11 @@ struct zs {
     zs& operator=(const zs&) = delete;
     ~zs()
     {
+        for (const ReadyCall& call : ready) {  // left by a loop that ended by error
+            if (call.fd >= 0)
+                close(call.fd);
+            zs_io_free(call.io);
+        }
         for (auto& entry : callers)
             if (entry.second->watched)
                 epoll_ctl(epollFd, EPOLL_CTL_DEL, entry.second->fd, nullptr);
@@ -260,13 +282,10 @@ void handOver(zs* bus, uint64_t id)
     bus->ready.push_back(ReadyCall{io, fd});
 }
 
-// With several loop threads, callers and the listener are watched one-shot: an event
-// wakes one thread only, and is armed again once that thread has taken what it needed
-// (level-triggered, a readable socket would wake every waiting thread).
 bool arm(zs* bus, int op, int fd, uint64_t tag, uint32_t events)
 {
     epoll_event ev{};
-    ev.events = events | (bus->oneShot ? uint32_t(EPOLLONESHOT) : 0u);
+    ev.events = events;
     ev.data.u64 = tag;
     return epoll_ctl(bus->epollFd, op, fd, &ev) == 0;
 }
@@ -279,7 +298,7 @@ void serve(zs* bus, uint64_t id)
     const Step step = receive(bus, *it->second);
     if (step == Step::Complete)
         handOver(bus, id);
-    else if (step == Step::Drop || (bus->oneShot && !arm(bus, EPOLL_CTL_MOD, it->second->fd, id, EPOLLIN | EPOLLRDHUP)))
+    else if (step == Step::Drop)
         drop(bus, id);
 }
 
@@ -316,11 +335,9 @@ void setAccepting(zs* bus, bool on, int64_t pauseMs = kAcceptPauseMs)
     bus->acceptPausedUntil = on ? -1 : nowMs() + pauseMs;
 }
 
-// With several loop threads, stops after the first complete call: its handler runs
-// before the next is taken, and the rest are left to the other threads.
-void acceptSome(zs* bus)
+void acceptCallers(zs* bus)
 {
-    for (int i = 0; i < 64 && !(bus->oneShot && !bus->ready.empty()); ++i) {
+    for (int i = 0; i < 64; ++i) {
         if (openCalls().load(std::memory_order_relaxed) >= bus->maxOpenCalls) {
             // Those waiting stay in the listen queue until calls end.
             setAccepting(bus, false, kCapPauseMs);
@@ -342,20 +359,12 @@ void acceptSome(zs* bus)
     }
 }
 
-void acceptCallers(zs* bus)
-{
-    acceptSome(bus);
-    if (bus->oneShot && bus->acceptPausedUntil < 0)
-        setAccepting(bus, true);
-}
-
 // Callers out of time get one last read (the loop may have been busy in a handler
-// while their frame arrived), then go; several threads take one complete call at a time.
+// while their frame arrived), then go.
 void expireCallers(zs* bus)
 {
     const int64_t now = nowMs();
-    while (!bus->callers.empty() && bus->callers.begin()->second->deadline <= now &&
-           !(bus->oneShot && !bus->ready.empty())) {
+    while (!bus->callers.empty() && bus->callers.begin()->second->deadline <= now) {
         const uint64_t id = bus->callers.begin()->first;
         if (receive(bus, *bus->callers.begin()->second) == Step::Complete)
             handOver(bus, id);
@@ -381,34 +390,24 @@ bool claimTimer(zs* bus)
     return true;
 }
 
-void runTimer(zs* bus)
-{
-    bus->timerCallback(bus->timerArg);
-    std::lock_guard<std::mutex> lock(bus->mutex);
-    bus->timerRunning = false;
-}
-
 int nextTimeout(const zs* bus)
 {
     int64_t deadline = bus->callers.empty() ? kNoDeadline : bus->callers.begin()->second->deadline;
     if (bus->acceptPausedUntil >= 0)
         deadline = std::min(deadline, bus->acceptPausedUntil);
-    if (bus->timerCallback && !bus->timerRunning)
-        deadline = std::min(deadline, bus->timerDue);
+    // A tick still running on a thread that lost the bus meanwhile ends without waking the
+    // leader: look again soon.
+    if (bus->timerCallback)
+        deadline = std::min(deadline, bus->timerRunning ? nowMs() + kTakeOverMs : bus->timerDue);
     if (deadline == kNoDeadline)
         return -1;
     const int64_t left = deadline - nowMs();
     return left <= 0 ? 0 : static_cast<int>(std::min<int64_t>(left, 1000000));
 }
 
-// What a wake-up found that must run without the lock.
-struct Outside {
-    bool signals = false;
-    bool timer = false;
-};
-
-// Under the lock. The stop event is left unread, so that every loop thread sees it.
-void handleEvent(zs* bus, const epoll_event& ev, Outside& outside)
+// Under the lock. The stop event is left unread, so that the loop sees it again and again
+// until it ends.
+void handleEvent(zs* bus, const epoll_event& ev)
 {
     switch (ev.data.u64) {
     case kListener:
@@ -416,9 +415,10 @@ void handleEvent(zs* bus, const epoll_event& ev, Outside& outside)
         break;
     case kStop:
         bus->stopping.store(true);
+        bus->standby.notify_all();
         break;
     case kSignals:
-        outside.signals = true;
+        bus->signalsPending = true;
         break;
     default:
         serve(bus, ev.data.u64);
@@ -426,39 +426,130 @@ void handleEvent(zs* bus, const epoll_event& ev, Outside& outside)
     }
 }
 
-int runLoop(zs* bus)
+using Lock = std::unique_lock<std::mutex>;
+
+// Work the leader found, to run without the lock: one call, the signal callbacks or the timer.
+struct Work {
+    enum Kind { None, Call, Signals, Timer } kind = None;
+    ReadyCall call{nullptr, -1};
+};
+
+Work takeWork(zs* bus)
 {
-    std::vector<ReadyCall> ready;
+    Work work;
+    if (bus->signalsPending) {
+        work.kind = Work::Signals;
+        bus->signalsPending = false;
+    } else if (!bus->ready.empty()) {
+        work.kind = Work::Call;
+        work.call = bus->ready.front();
+        bus->ready.pop_front();
+    } else if (claimTimer(bus)) {
+        work.kind = Work::Timer;
+    }
+    return work;
+}
+
+// Runs work without the lock, marked as the leader's, so that a standby can take the bus
+// over if it lasts. Wakes a standby that sleeps untimed: it watches from now on.
+void runWork(zs* bus, Lock& lock, int self, const Work& work)
+{
+    const bool leading = bus->leader == self;
+    if (leading) {
+        bus->leaderBusy = true;
+        bus->busySince = nowMs();
+        ++bus->handlersStarted;
+    }
+    const bool wake = leading && bus->deepSleepers > 0;
+    lock.unlock();
+    if (wake)
+        bus->standby.notify_one();
+    switch (work.kind) {
+    case Work::Call:
+        bus->handler(work.call.io->method.c_str(), work.call.io, work.call.fd);
+        break;
+    case Work::Signals:
+        runPendingSignals(bus->signalFd);
+        break;
+    case Work::Timer:
+        bus->timerCallback(bus->timerArg);
+        break;
+    case Work::None:
+        break;
+    }
+    lock.lock();
+    if (work.kind == Work::Timer)
+        bus->timerRunning = false;
+    if (bus->leader == self)
+        bus->leaderBusy = false;
+}
+
+// A thread that does not serve the bus: takes it over from a leader stuck in a handler,
+// watches while handlers keep starting, and sleeps untimed once they stop.
+void standBy(zs* bus, Lock& lock, int self, uint64_t& seen, int& quiet)
+{
+    using std::chrono::milliseconds;
+    if (bus->leader < 0 || (bus->leaderBusy && nowMs() - bus->busySince >= kTakeOverMs)) {
+        bus->leader = self;  // the old leader stands by once its handler returns
+        bus->leaderBusy = false;
+        quiet = 0;
+        return;
+    }
+    if (bus->leaderBusy) {
+        bus->standby.wait_for(lock, milliseconds(kTakeOverMs - (nowMs() - bus->busySince)));
+        return;
+    }
+    quiet = bus->handlersStarted == seen ? quiet + 1 : 0;
+    seen = bus->handlersStarted;
+    if (quiet < kQuietLooks) {
+        bus->standby.wait_for(lock, milliseconds(kTakeOverMs));
+        return;
+    }
+    ++bus->deepSleepers;
+    bus->standby.wait(lock);
+    --bus->deepSleepers;
+    quiet = 0;
+}
+
+int runLoop(zs* bus, int self)
+{
+    Lock lock(bus->mutex);
+    uint64_t seen = 0;
+    int quiet = 0;
     for (;;) {
-        int timeout;
-        {
-            std::lock_guard<std::mutex> lock(bus->mutex);
-            timeout = nextTimeout(bus);
+        if (bus->stopping.load()) {
+            // Calls already read are still answered, by whichever thread is free.
+            if (bus->ready.empty())
+                return 0;
+            Work work;
+            work.kind = Work::Call;
+            work.call = bus->ready.front();
+            bus->ready.pop_front();
+            runWork(bus, lock, self, work);
+            continue;
         }
-        // Several threads: one event per wake-up, so that a thread busy in a handler holds
-        // up no other event.
+        if (bus->leader < 0)
+            bus->leader = self;
+        if (bus->leader != self) {
+            standBy(bus, lock, self, seen, quiet);
+            continue;
+        }
+        const Work work = takeWork(bus);
+        if (work.kind != Work::None) {
+            runWork(bus, lock, self, work);
+            continue;
+        }
+        const int timeout = nextTimeout(bus);
+        lock.unlock();
         epoll_event events[kMaxEvents];
-        const int n = epoll_wait(bus->epollFd, events, bus->oneShot ? 1 : kMaxEvents, timeout);
-        if (n < 0 && errno != EINTR)
+        const int n = epoll_wait(bus->epollFd, events, kMaxEvents, timeout);
+        const int error = errno;
+        lock.lock();
+        if (n < 0 && error != EINTR)
             return -1;
-        Outside outside;
-        {
-            std::lock_guard<std::mutex> lock(bus->mutex);
-            for (int i = 0; i < n; ++i)
-                handleEvent(bus, events[i], outside);
-            expireCallers(bus);
-            outside.timer = claimTimer(bus);
-            ready.swap(bus->ready);
-        }
-        if (outside.signals)
-            runPendingSignals(bus->signalFd);
-        for (const ReadyCall& call : ready)
-            bus->handler(call.io->method.c_str(), call.io, call.fd);
-        ready.clear();
-        if (outside.timer)
-            runTimer(bus);
-        if (bus->stopping.load())
-            return 0;
+        for (int i = 0; i < n; ++i)
+            handleEvent(bus, events[i]);
+        expireCallers(bus);
     }
 }
 
@@ -558,18 +649,24 @@ zs* zs_create(const char* address, int recv_timeout_s, int peer_policy, zs_handl
 
 namespace {
 
-int serveLoop(zs* bus)
+int serveLoop(zs* bus, int self)
 {
     int result = -1;
     try {
-        result = runLoop(bus);
+        result = runLoop(bus, self);
     } catch (const std::bad_alloc&) {
         result = -1;
     }
-    // A thread that ends by error stops the others too.
+    // A thread that ends by error stops the others too: a standby takes the bus and sees
+    // the stop.
     if (result != 0)
         zs_stop(bus);
     std::lock_guard<std::mutex> lock(bus->mutex);
+    if (bus->leader == self) {
+        bus->leader = -1;
+        bus->leaderBusy = false;
+        bus->standby.notify_all();
+    }
     if (--bus->serving == 0) {
         // The last one out consumes the stop, so the bus can be started again.
         uint64_t count;
@@ -598,7 +695,6 @@ int zs_start_threads(zs* bus, int threads)
         {
             std::lock_guard<std::mutex> lock(bus->mutex);
             bus->serving = threads;
-            bus->oneShot = threads > 1;
             if (bus->acceptPausedUntil < 0)
                 setAccepting(bus, true);
             if (bus->timerCallback)
@@ -606,8 +702,8 @@ int zs_start_threads(zs* bus, int threads)
         }
         std::vector<std::thread> others;
         for (int i = 1; i < threads; ++i)
-            others.emplace_back([bus] { serveLoop(bus); });
-        result = serveLoop(bus);
+            others.emplace_back([bus, i] { serveLoop(bus, i); });
+        result = serveLoop(bus, 0);
         for (std::thread& thread : others)
             thread.join();
         epoll_ctl(bus->epollFd, EPOLL_CTL_DEL, bus->signalFd, nullptr);

@@ -36,9 +36,10 @@ zs *zs_create(const char *address, int recv_timeout_s, int peer_policy, zs_handl
  * The handler owns io (zs_io_free) and fd (close) once called. */
 int zs_start(zs *bus);
 /* zs_start on `threads` threads (1..16): the calling one and threads - 1 more that it
- * starts, and joins before it returns. Each wake-up takes one event; a call's handler runs
- * on the thread that read the call, holding no lock of the bus, so while one thread is in
- * a handler the others go on accepting and reading. The handler must be thread-safe. */
+ * starts, and joins before it returns. One thread at a time serves the bus and runs the
+ * handlers of the calls it read, holding no lock of the bus; when one handler (or the
+ * timer) lasts more than 5 ms, another thread takes the bus over and goes on accepting,
+ * reading and running calls. The handler must be thread-safe. */
 int zs_start_threads(zs *bus, int threads);
 /* Runs callback(arg) on a loop thread first_ms after the loop starts, then every
  * period_ms (fixed rate), never on two threads at once. Set it before zs_start; one

@@ -200,8 +200,8 @@ TEST_F(Fleet, StopAllEndsHungAndUpgradedSessionsWithoutLsofInSbin)
                                           " ended (SIGTERM)\n")) << stopped.out;
     EXPECT_TRUE(contains(stopped.out, "02:00:00:00:03:02 pid " + std::to_string(upgraded.process().pid()) + " ended"))
         << stopped.out;
-    EXPECT_EQ(hung.process().wait(2s), 0) << "SIGTERM with SIGCONT ends a stopped process in order";
-    EXPECT_EQ(upgraded.process().wait(2s), 0);
+    EXPECT_EQ(hung.process().wait(2s), 0) << "SIGTERM with SIGCONT ends a stopped process in order\n" << hung.log();
+    EXPECT_EQ(upgraded.process().wait(2s), 0) << upgraded.log();
     EXPECT_EQ(lines(ctl({"list"}).out).size(), 2u);
 }
 
