@@ -114,7 +114,7 @@ inline void zs_reply_forward(zs_io* io, int fd, json_t* json)
         ORVEX_TRACE_POINT(":leave");
         return;
     }
-    JsonRef fresh = JsonRef::adopt(json_object());
+    JsonRef fresh = JsonRef::adopt(json != nullptr ? nullptr : json_object());
     detail::writeReplyDocument(io, fd, json != nullptr ? json : fresh.get());
     ORVEX_TRACE_POINT(":leave");
     zs_reply(io);

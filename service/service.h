@@ -36,7 +36,7 @@ struct Endpoint {
 // child (its name is the parameter's) keyed by "".
 struct ResourceNode {
     std::string name;
-    std::map<std::string, ResourceNode> children;
+    std::map<std::string, ResourceNode, std::less<>> children;  // found by the method name as given
     Poco::SharedPtr<Endpoint> endpoint;
 };
 

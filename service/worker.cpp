@@ -179,6 +179,19 @@ void PthreadWorker::dispatch(Endpoint* endpoint, json_t* args, const char* metho
     } else if (maxQueueLength_ != 0 && queue_.size() >= maxQueueLength_) {
         ORVEX_WORKER_LOG(Poco::Message::PRIO_WARNING, "[PthreadWorker] queue full (%llu calls): %s refused with 429",
             static_cast<unsigned long long>(maxQueueLength_), name);
+    } else if (inline_ && queue_.size() == 0 && claimDrain()) {
+        // Nothing waits and nobody runs calls: taking it now is what the queue would do,
+        // without a task to allocate, queue and take back. The caller's drain() runs
+        // whatever came in meanwhile.
+        lock.unlock();
+        try {
+            invoke(endpoint->function, args, name, io, fd);
+        } catch (...) {
+            // As in runOne: the call is released already, only its error reply failed.
+            ORVEX_WORKER_LOG(Poco::Message::PRIO_FATAL, "[PthreadWorker] %s: error reply failed", name);
+        }
+        draining_.store(false);
+        return;
     } else {
         queuedBytes_ += bytes;
         Poco::Notification::Ptr task(new WorkerTask(fd, io, args, method, endpoint->function, bytes));
@@ -187,6 +200,12 @@ void PthreadWorker::dispatch(Endpoint* endpoint, json_t* args, const char* metho
     }
     lock.unlock();
     refuse(args, io, fd, 429, "");
+}
+
+bool PthreadWorker::claimDrain()
+{
+    bool idle = false;
+    return draining_.compare_exchange_strong(idle, true);
 }
 
 bool PthreadWorker::overBytes(size_t bytes) const
@@ -304,8 +323,7 @@ void PthreadWorker::drain()
     if (!inline_)
         return;
     for (;;) {
-        bool idle = false;
-        if (!draining_.compare_exchange_strong(idle, true))
+        if (!claimDrain())
             return;
         while (Poco::Notification::Ptr notification = queue_.dequeueNotification())
             runOne(notification.get());

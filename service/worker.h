@@ -124,6 +124,8 @@ private:
     bool runOne(Poco::Notification* notification);
     void runTick();
     bool overBytes(size_t bytes) const;
+    // Makes the calling thread the one that runs calls, unless another one is.
+    bool claimDrain();
     void dropGoneCallers();
     void refuse(json_t* args, zs_io* io, int fd, int code, const char* message);
 
