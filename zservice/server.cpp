@@ -484,6 +484,25 @@ void runWork(zs* bus, Lock& lock, int self, const Work& work)
         bus->leaderBusy = false;
 }
 
+// Held while a standby sleeps: the kernel then hands a signal to a thread that runs (the
+// leader, whose loop runs the callbacks), not to one that may sleep for long; under
+// ThreadSanitizer a sleeping thread's handler waited until it woke, and a stop with it.
+class SignalsHeld {
+public:
+    SignalsHeld()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &old_);
+    }
+    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
+    SignalsHeld(const SignalsHeld&) = delete;
+    SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+private:
+    sigset_t old_;
+};
+
 // A thread that does not serve the bus: takes it over from a leader stuck in a handler,
 // watches while handlers keep starting, and sleeps untimed once they stop.
 void standBy(zs* bus, Lock& lock, int self, uint64_t& seen, int& quiet)
@@ -495,6 +514,7 @@ void standBy(zs* bus, Lock& lock, int self, uint64_t& seen, int& quiet)
         quiet = 0;
         return;
     }
+    const SignalsHeld held;
     if (bus->leaderBusy) {
         bus->standby.wait_for(lock, milliseconds(kTakeOverMs - (nowMs() - bus->busySince)));
         return;

@@ -64,7 +64,7 @@ std::string logAtLevel(const std::string& level)
     if (!daemon.ready())
         return "did not start: " + daemon.log();
     daemon.process().signal(SIGTERM);
-    EXPECT_EQ(daemon.process().wait(), 0) << level;
+    EXPECT_EQ(daemon.process().wait(), 0) << level << "\n" << daemon.log();
     return daemon.log();
 }
 
