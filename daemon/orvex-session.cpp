@@ -374,7 +374,8 @@ int run(int argc, char** argv)
     KeepAlive keepAlive(session, *status);
     // Calls run on the bus's loop threads: the one serving the bus runs what it reads, and
     // the other takes the bus over only while a call (or tick) lasts; the keep-alive ticks
-    // come from the bus's timer and run between the calls. The Poco timer only holds the schedule that alive() is given.
+    // come from the bus's timer and run between the calls. The Poco timer only holds the
+    // schedule that alive() is given.
     Poco::Timer timer(kKeepAliveStartMs, kKeepAlivePeriodMs);
     Service& service = Service::getInstance();
     service.runCallsOnBusThreads();

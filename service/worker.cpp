@@ -184,12 +184,7 @@ void PthreadWorker::dispatch(Endpoint* endpoint, json_t* args, const char* metho
         // without a task to allocate, queue and take back. The caller's drain() runs
         // whatever came in meanwhile.
         lock.unlock();
-        try {
-            invoke(endpoint->function, args, name, io, fd);
-        } catch (...) {
-            // As in runOne: the call is released already, only its error reply failed.
-            ORVEX_WORKER_LOG(Poco::Message::PRIO_FATAL, "[PthreadWorker] %s: error reply failed", name);
-        }
+        runCall(endpoint->function, args, name, io, fd);
         draining_.store(false);
         return;
     } else {
@@ -294,14 +289,19 @@ bool PthreadWorker::runOne(Poco::Notification* notification)
         releaseCall(task->args, task->fd, task->io);
         return true;
     }
+    runCall(task->function, task->args, task->method.c_str(), task->io, task->fd);
+    return true;
+}
+
+void PthreadWorker::runCall(Function function, json_t* args, const char* method, zs_io* io, int fd)
+{
     try {
-        invoke(task->function, task->args, task->method.c_str(), task->io, task->fd);
+        invoke(function, args, method, io, fd);
     } catch (...) {
         // Only sending an error reply can throw here (the call is already released);
         // the thread must survive it to serve the calls behind.
-        ORVEX_WORKER_LOG(Poco::Message::PRIO_FATAL, "[PthreadWorker] %s: error reply failed", task->method.c_str());
+        ORVEX_WORKER_LOG(Poco::Message::PRIO_FATAL, "[PthreadWorker] %s: error reply failed", method);
     }
-    return true;
 }
 
 void PthreadWorker::run()

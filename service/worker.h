@@ -122,6 +122,8 @@ public:
 private:
     // Runs one taken notification: false for one that ends run().
     bool runOne(Poco::Notification* notification);
+    // invoke, surviving an error reply that could not be sent.
+    void runCall(Function function, json_t* args, const char* method, zs_io* io, int fd);
     void runTick();
     bool overBytes(size_t bytes) const;
     // Makes the calling thread the one that runs calls, unless another one is.

@@ -434,6 +434,15 @@ struct Work {
     ReadyCall call{nullptr, -1};
 };
 
+Work takeCall(zs* bus)
+{
+    Work work;
+    work.kind = Work::Call;
+    work.call = bus->ready.front();
+    bus->ready.pop_front();
+    return work;
+}
+
 Work takeWork(zs* bus)
 {
     Work work;
@@ -441,9 +450,7 @@ Work takeWork(zs* bus)
         work.kind = Work::Signals;
         bus->signalsPending = false;
     } else if (!bus->ready.empty()) {
-        work.kind = Work::Call;
-        work.call = bus->ready.front();
-        bus->ready.pop_front();
+        work = takeCall(bus);
     } else if (claimTimer(bus)) {
         work.kind = Work::Timer;
     }
@@ -541,11 +548,7 @@ int runLoop(zs* bus, int self)
             // Calls already read are still answered, by whichever thread is free.
             if (bus->ready.empty())
                 return 0;
-            Work work;
-            work.kind = Work::Call;
-            work.call = bus->ready.front();
-            bus->ready.pop_front();
-            runWork(bus, lock, self, work);
+            runWork(bus, lock, self, takeCall(bus));
             continue;
         }
         if (bus->leader < 0)
