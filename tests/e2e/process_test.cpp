@@ -53,6 +53,11 @@ TEST(ProcessEntry, SecondInstanceNamesTheRunningOneInForegroundAndLeavesQuietlyI
     RunResult background = run({daemonBinary(), "-m", kMac});
     EXPECT_EQ(background.status, 0);
     EXPECT_EQ(background.err, "");
+    // The starter returns before its detached process has looked at the lock; that one
+    // says why it left in the shared log, and the checks below must follow its exit.
+    EXPECT_TRUE(waitFor([&] {
+        return readFile(Paths::kLogPath).find("orvex-session daemon is running (" + pid + ")") != std::string::npos;
+    })) << readFile(Paths::kLogPath);
     EXPECT_EQ(readFile(lockPath(kMac)), pid);
     EXPECT_TRUE(answers(kMac));
 }
