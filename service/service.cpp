@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 #include <unistd.h>
 
 namespace Orvex {
@@ -240,7 +241,8 @@ Endpoint* Service::findEndpoint(const char* method, json_t*& args)
     // A plain method name that is a literal child: what the walk below would find, without
     // splitting the name first.
     if (std::strpbrk(method, "/ \t\r\n\f\v") == nullptr) {
-        auto literal = root_.children.find(method);
+        // As a view, its length is counted once rather than at every node compared.
+        auto literal = root_.children.find(std::string_view(method));
         if (literal != root_.children.end()) {
             if (literal->second.endpoint.isNull())
                 throw ResourceException(method, 404);
@@ -278,13 +280,16 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
     ORVEX_TRACE();
     const size_t bytes = zs_io_size(io);
     JsonRef args = JsonRef::adopt(readArguments(io));
-    // The bus may keep the method name inside the channel, which the sync-false path frees.
-    std::string name = method != nullptr ? method : "";
+    const char* name = method != nullptr ? method : "";
+    std::string kept;
     AbstractWorker* worker = nullptr;
     try {
         json_t* raw = args.get();
         Endpoint* endpoint = findEndpoint(method, raw);
         if (!endpoint->sync) {
+            // The bus may keep the method name inside the channel, which is freed here.
+            kept = name;
+            name = kept.c_str();
             // The caller only learns that the call was accepted; the handler runs without a
             // channel or descriptor.
             zs_reply_json(io, fd, nullptr, 0, "");
@@ -294,7 +299,7 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
             io = nullptr;
             fd = -1;
         }
-        endpoint->worker->dispatch(endpoint, args.get(), name.c_str(), io, fd, bytes);
+        endpoint->worker->dispatch(endpoint, args.get(), name, io, fd, bytes);
         args.release();  // the worker owns it now
         worker = endpoint->worker;
     } catch (Poco::Exception& e) {

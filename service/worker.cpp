@@ -173,13 +173,14 @@ void PthreadWorker::dispatch(Endpoint* endpoint, json_t* args, const char* metho
     }
     if (overBytes(bytes))
         dropGoneCallers();
+    const size_t queued = queue_.size();
     if (overBytes(bytes)) {
         ORVEX_WORKER_LOG(Poco::Message::PRIO_WARNING, "[PthreadWorker] queue holds %zu bytes: %s refused with 429",
             queuedBytes_.load(), name);
-    } else if (maxQueueLength_ != 0 && queue_.size() >= maxQueueLength_) {
+    } else if (maxQueueLength_ != 0 && queued >= maxQueueLength_) {
         ORVEX_WORKER_LOG(Poco::Message::PRIO_WARNING, "[PthreadWorker] queue full (%llu calls): %s refused with 429",
             static_cast<unsigned long long>(maxQueueLength_), name);
-    } else if (inline_ && queue_.size() == 0 && claimDrain()) {
+    } else if (inline_ && queued == 0 && claimDrain()) {
         // Nothing waits and nobody runs calls: taking it now is what the queue would do,
         // without a task to allocate, queue and take back. The caller's drain() runs
         // whatever came in meanwhile.

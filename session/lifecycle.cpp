@@ -101,10 +101,21 @@ void Session::getSystemInfo(json_t*& out)
     ORVEX_TRACE();
     Lock lock(mutex);
     requireSignin();
-    json_object_set_new(out, "model", json_string(model.c_str()));
-    json_object_set_new(out, "serial", json_string(serial.c_str()));
-    json_object_set_new(out, "firmware", json_string(firmware.c_str()));
-    json_object_set_new(out, "hostname", json_string(hostname.c_str()));
+    // A value that is not UTF-8 has no JSON string, so its key stays out.
+    json_object_set_nocheck(out, "model", modelJson.of(model));
+    json_object_set_nocheck(out, "serial", serialJson.of(serial));
+    json_object_set_nocheck(out, "firmware", firmwareJson.of(firmware));
+    json_object_set_nocheck(out, "hostname", hostnameJson.of(hostname));
+}
+
+json_t* Session::IdentityJson::of(const std::string& current)
+{
+    if (!made || value != current) {
+        value = current;
+        json = JsonRef::adopt(json_string(current.c_str()));
+        made = true;
+    }
+    return json.get();
 }
 
 void Session::alive(Poco::Timer&)

@@ -19,6 +19,7 @@
 #pragma once
 
 #include "common/exceptions.h"
+#include "common/raii.h"
 #include "option/option.h"
 
 #include <jansson.h>
@@ -179,6 +180,15 @@ private:
     std::string serial;
     std::string firmware;
     std::string hostname;
+    // The identity as JSON strings, each made (and its UTF-8 checked) once per value and
+    // shared by reference with every reply: it is read far more often than it changes.
+    struct IdentityJson {
+        std::string value;
+        JsonRef json;
+        bool made = false;
+        json_t* of(const std::string& current);
+    };
+    IdentityJson modelJson, serialJson, firmwareJson, hostnameJson;
     std::atomic<time_t> lastAccess{0};
     std::unique_ptr<session_detail::TlsClient> tls;
     int lastStatus = 0;

@@ -68,6 +68,24 @@ TEST_P(SessionSignin, LegacyExchangesCarryFormBodyQueriesAndBothCookies)
     expectCookies(log[2], sid, tls());
 }
 
+// The identity's JSON values are shared between replies: a new device's identity must
+// replace them, and a reply already made must keep the one it was made with.
+TEST_P(SessionSignin, IdentityFollowsTheDeviceSignedInWhileEarlierRepliesKeepTheirs)
+{
+    const std::string legacy =
+        R"({"firmware":"4.3.6.912","hostname":"nas-legacy","model":"NVX-4200","serial":"LGC0001234"})";
+    Devsim first("legacy", tls());
+    JsonRef before = signin(first);
+    Devsim second("token", tls());
+    JsonRef after = signin(second);
+    EXPECT_EQ(dump(after.get()), R"({"firmware":"5.1.2","hostname":"nas-token","model":"ZEM-880","serial":"ZEM000987"})");
+    EXPECT_EQ(dump(before.get()), legacy);
+    JsonRef again = JsonRef::adopt(json_object());
+    json_t* out = again.get();
+    Session::getInstance().getSystemInfo(out);
+    EXPECT_EQ(dump(again.get()), dump(after.get()));
+}
+
 TEST_P(SessionSignin, TokenExchangesCarryQueryAndBearer)
 {
     Devsim device("token", tls());
