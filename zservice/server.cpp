@@ -42,6 +42,7 @@ constexpr int64_t kNoDeadline = INT64_MAX;
 constexpr int64_t kAcceptPauseMs = 100;  // after EMFILE: retry instead of spinning
 constexpr size_t kScratchSize = 65536;
 constexpr int kMaxEvents = 64;
+constexpr int kMaxAcceptStreak = 64;  // callers accepted before the loop looks at the other events
 constexpr int kMaxRecvRounds = 16;       // per wake-up, so one fast sender cannot hog the loop
 constexpr size_t kMaxPassedFds = 8;      // control room per recvmsg; more is truncation
 constexpr int64_t kCapPauseMs = 10;      // at the open-call cap: look again this soon
@@ -110,6 +111,10 @@ struct zs {
     std::map<uint64_t, std::unique_ptr<Caller>> callers;
     uint64_t nextId = kFirstCaller;
     int64_t acceptPausedUntil = -1;
+    // Callers are accepted one at a time: the next accept waits until the call before is
+    // answered, so the accept that finds nobody comes after a reply instead of before it.
+    bool acceptMore = false;
+    int acceptStreak = 0;  // accepted since the last epoll_wait (which the stop needs)
     long maxOpenCalls = kMaxOpenCalls;
     std::atomic<bool> running{false};
     // The loop's state is read and changed under this lock; handlers run without it.
@@ -356,6 +361,8 @@ void acceptCallers(zs* bus)
             continue;
         }
         addCaller(bus, fd);
+        bus->acceptMore = ++bus->acceptStreak < kMaxAcceptStreak;
+        return;
     }
 }
 
@@ -562,6 +569,12 @@ int runLoop(zs* bus, int self)
             runWork(bus, lock, self, work);
             continue;
         }
+        if (bus->acceptMore) {
+            bus->acceptMore = false;
+            acceptCallers(bus);
+            continue;
+        }
+        bus->acceptStreak = 0;
         const int timeout = nextTimeout(bus);
         lock.unlock();
         epoll_event events[kMaxEvents];
