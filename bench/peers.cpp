@@ -73,8 +73,9 @@ void answer(const char*, zs_io* io, int fd)
     zs_io_free(io);
 }
 
-// The same plus the JSON work a daemon call cannot skip: the arguments parsed, the reply
-// object built (copied from a parsed template) and dumped as the daemon dumps it.
+// The same plus the work a daemon call cannot skip: the arguments parsed, the reply object
+// built (copied from a parsed template), the caller's liveness checked as every reply
+// function does, and the reply dumped as the daemon dumps it.
 json_t* g_template = nullptr;
 
 void answerJson(const char*, zs_io* io, int fd)
@@ -83,6 +84,10 @@ void answerJson(const char*, zs_io* io, int fd)
         ::close(fd);
     JsonRef args = JsonRef::adopt(json_loadb(zs_io_read(io, 0), zs_io_size(io), 0, nullptr));
     JsonRef reply = JsonRef::adopt(json_deep_copy(g_template));
+    if (!zs_io_alive(io)) {
+        zs_io_free(io);
+        return;
+    }
     char text[4096];
     const size_t size = json_dumpb(reply.get(), text, sizeof text, ORVEX_JSON_FLAGS);
     zs_io_realloc(io, 0);
