@@ -125,7 +125,6 @@ protected:
     std::future<BusReply> stallCall_;
 };
 
-
 }  // namespace
 
 TEST_F(Robust, AReplyDescriptorNobodyReadsHoldsNeitherTheLoopNorAWorkerForLong)
