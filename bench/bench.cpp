@@ -90,9 +90,14 @@ void measureDbus(const Settings& s, const std::string& reply, const Call& daemon
         return ok;
     };
     auto peer = startPeer(s, {"dbus", address, reply}, [&] { return once(0); });
+    // sd_bus_start only begins the handshake; one call finishes it now, or dbus-daemon drops
+    // the connections still authenticating when its auth timeout (30 s) passes in a long run.
     std::vector<sd_bus*> kept;
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < 8; ++i) {
         kept.push_back(dbusConnect(address));
+        if (!kept.back() || !dbusCall(kept.back(), reply.size()))
+            throw std::runtime_error("a kept D-Bus connection did not come up");
+    }
     const Call persistent = [&](int slot) { return dbusCall(kept[static_cast<size_t>(slot)], reply.size()); };
     Figures d1, oneShot, d2, keptOne, d8, keptEight;
     measurePair(daemon, once, 1, s.seconds, d1, oneShot);
