@@ -91,7 +91,7 @@ void measureDbus(const Settings& s, const std::string& reply, const Call& daemon
     };
     auto peer = startPeer(s, {"dbus", address, reply}, [&] { return once(0); });
     // sd_bus_start only begins the handshake; one call finishes it now, or dbus-daemon drops
-    // the connections still authenticating when its auth timeout (30 s) passes in a long run.
+    // the connections still authenticating once its auth timeout passes (in runs of long pairs).
     struct Close {
         void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
     };
