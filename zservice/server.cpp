@@ -43,6 +43,7 @@ constexpr int64_t kAcceptPauseMs = 100;  // after EMFILE: retry instead of spinn
 constexpr size_t kScratchSize = 65536;
 constexpr int kMaxEvents = 64;
 constexpr int kMaxAcceptStreak = 64;  // callers accepted before the loop looks at the other events
+constexpr int kMaxAcceptAttempts = 64;  // refused or interrupted accepts per caller taken
 constexpr int kMaxRecvRounds = 16;       // per wake-up, so one fast sender cannot hog the loop
 constexpr size_t kMaxPassedFds = 8;      // control room per recvmsg; more is truncation
 constexpr int64_t kCapPauseMs = 10;      // at the open-call cap: look again this soon
@@ -340,9 +341,11 @@ void setAccepting(zs* bus, bool on, int64_t pauseMs = kAcceptPauseMs)
     bus->acceptPausedUntil = on ? -1 : nowMs() + pauseMs;
 }
 
-void acceptCallers(zs* bus)
+// Accepts one admitted caller; refused and interrupted attempts are retried, a bounded
+// number of times, so that a crowd of refused callers cannot hold the loop.
+void acceptCaller(zs* bus)
 {
-    for (int i = 0; i < 64; ++i) {
+    for (int attempt = 0; attempt < kMaxAcceptAttempts; ++attempt) {
         if (openCalls().load(std::memory_order_relaxed) >= bus->maxOpenCalls) {
             // Those waiting stay in the listen queue until calls end.
             setAccepting(bus, false, kCapPauseMs);
@@ -418,7 +421,7 @@ void handleEvent(zs* bus, const epoll_event& ev)
 {
     switch (ev.data.u64) {
     case kListener:
-        acceptCallers(bus);
+        acceptCaller(bus);
         break;
     case kStop:
         bus->stopping.store(true);
@@ -571,7 +574,7 @@ int runLoop(zs* bus, int self)
         }
         if (bus->acceptMore) {
             bus->acceptMore = false;
-            acceptCallers(bus);
+            acceptCaller(bus);
             continue;
         }
         bus->acceptStreak = 0;
