@@ -43,7 +43,7 @@
 #include "common/shared_log.h"
 #include "common/trace.h"
 #include "common/version.h"
-#include "daemon/lockfile.h"
+#include "client/lockfile.h"
 #include "daemon/notify.h"
 #include "daemon/status_keeper.h"
 #include "methods/service_session.h"

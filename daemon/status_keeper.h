@@ -8,7 +8,7 @@
 #include <mutex>
 #include <string>
 
-#include "daemon/status_file.h"
+#include "client/status_file.h"
 #include "session/session.h"
 
 namespace Orvex {

@@ -4,7 +4,7 @@
 
 #include "common/misc.h"
 #include "common/trace.h"
-#include "daemon/control.h"
+#include "client/control.h"
 #include "session/exchange.h"
 
 #include <Poco/Logger.h>

@@ -1,6 +1,6 @@
 // The one authenticated HTTP(S) session of this process with its remote storage device,
 // and forwarders of the client-side operations that start, stop and call per-device
-// session processes (daemon/control.h).
+// session processes (client/control.h).
 //
 // Ownership: a process-wide singleton (getInstance()); json_t*& arguments are the caller's
 // objects, filled in place, never released here.

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/status_file.h"
+#include "client/status_file.h"
 
 namespace Orvex {
 

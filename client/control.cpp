@@ -1,4 +1,4 @@
-#include "daemon/control.h"
+#include "client/control.h"
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -16,8 +16,8 @@
 #include "common/paths.h"
 #include "common/raii.h"
 #include "common/trace.h"
-#include "daemon/fleet.h"
-#include "daemon/lockfile.h"
+#include "client/fleet.h"
+#include "client/lockfile.h"
 #include "service/misc.h"
 #include "zservice/channel.h"
 

@@ -1,4 +1,4 @@
-#include "daemon/status_file.h"
+#include "client/status_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

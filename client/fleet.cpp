@@ -1,4 +1,4 @@
-#include "daemon/fleet.h"
+#include "client/fleet.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,7 +15,7 @@
 
 #include "common/paths.h"
 #include "common/raii.h"
-#include "daemon/lockfile.h"
+#include "client/lockfile.h"
 
 namespace Orvex {
 

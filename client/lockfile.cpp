@@ -1,4 +1,4 @@
-#include "daemon/lockfile.h"
+#include "client/lockfile.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
