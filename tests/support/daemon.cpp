@@ -54,10 +54,18 @@ BusReply sessionCall(const std::string& mac, const std::string& method, const st
     return busCall(busAddress(mac), method, body, fd, timeoutSeconds);
 }
 
-Daemon::Daemon(const std::string& mac, const std::vector<std::string>& extra, const std::string& binary)
+const std::vector<std::string>& withoutCapabilities()
+{
+    static const std::vector<std::string> words = {"/usr/bin/setpriv", "--bounding-set=-all", "--inh-caps=-all"};
+    return words;
+}
+
+Daemon::Daemon(const std::string& mac, const std::vector<std::string>& extra, const std::string& binary,
+    const std::vector<std::string>& wrapper)
     : mac_(mac)
 {
-    Spawn spawn{{binary, "-d", "-m", mac}, {}, dir_.file("stdout"), dir_.file("stderr"), false};
+    Spawn spawn{wrapper, {}, dir_.file("stdout"), dir_.file("stderr"), false};
+    spawn.argv.insert(spawn.argv.end(), {binary, "-d", "-m", mac});
     spawn.argv.insert(spawn.argv.end(), extra.begin(), extra.end());
     child_ = std::make_unique<Child>(spawn);
 }

@@ -36,12 +36,18 @@ std::string lockPath(const std::string& mac);
 BusReply sessionCall(const std::string& mac, const std::string& method, const std::string& body = "{}",
     int fd = -1, int timeoutSeconds = 30);
 
-// orvex-session -d -m MAC [extra] as a child, its console output in files. ready() waits
-// until the bus answers (an unknown method gets its 404 at once) or the process has ended.
+// The words that run a program as root without any capability, as the daemon's unit does
+// (put before the program's own).
+const std::vector<std::string>& withoutCapabilities();
+
+// orvex-session -d -m MAC [extra] as a child, its console output in files, started through
+// wrapper (words put before the program's, e.g. withoutCapabilities()) when given. ready()
+// waits until the bus answers (an unknown method gets its 404 at once) or the process has
+// ended.
 class Daemon {
 public:
     explicit Daemon(const std::string& mac, const std::vector<std::string>& extra = {},
-        const std::string& binary = daemonBinary());
+        const std::string& binary = daemonBinary(), const std::vector<std::string>& wrapper = {});
     bool ready(std::chrono::milliseconds timeout = 10s);
     Child& process() { return *child_; }
     std::string log() const { return readFile(dir_.file("stderr")); }

@@ -54,4 +54,35 @@ private:
     std::thread acceptor_;
 };
 
+// Someone on the path to a device: a TCP relay on 127.0.0.1 and an ephemeral port that
+// forwards each new connection to the backend port set at that moment, and records the
+// first bytes each client sent (a TLS client hello). Its own threads serve.
+class Relay {
+public:
+    explicit Relay(int backend);
+    ~Relay();
+    Relay(const Relay&) = delete;
+    Relay& operator=(const Relay&) = delete;
+
+    int port() const { return port_; }
+    // Connections from now on go to this port.
+    void forwardTo(int backend);
+    // The first bytes of every connection so far, in order.
+    std::vector<std::string> openings() const;
+
+private:
+    void acceptLoop();
+    void serve(int client, int backend);
+
+    int listen_ = -1;
+    int port_ = 0;
+    int backend_;
+    bool stopping_ = false;
+    mutable std::mutex mutex_;
+    std::vector<int> open_;
+    std::vector<std::string> openings_;
+    std::vector<std::thread> threads_;
+    std::thread acceptor_;
+};
+
 }  // namespace Orvex::Test

@@ -3,9 +3,12 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
+#include <linux/capability.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -196,6 +199,46 @@ int inChild(const std::function<void()>& body, bool quiet)
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+Stranger::Stranger(const std::function<std::string()>& setup)
+{
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0)
+        throw std::runtime_error("pipe failed");
+    fflush(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        close(report[0]);
+        std::string said;
+        if (setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0)
+            said = setup();
+        if (said.empty() || write(report[1], said.data(), said.size()) != static_cast<ssize_t>(said.size()))
+            _exit(1);
+        close(report[1]);
+        for (;;)
+            pause();
+    }
+    close(report[1]);
+    char buffer[256];
+    for (ssize_t n; (n = read(report[0], buffer, sizeof buffer)) > 0;)
+        said_.append(buffer, static_cast<size_t>(n));
+    close(report[0]);
+}
+
+Stranger::~Stranger()
+{
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+bool dropCapabilities()
+{
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct none[2] = {};
+    return syscall(SYS_capset, &header, none) == 0;
 }
 
 UniqueFd loopbackSocket(int type, int& port)

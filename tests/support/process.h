@@ -84,6 +84,34 @@ int openFds(pid_t pid = 0);
 // child's standard error is dropped when quiet is set.
 int inChild(const std::function<void()>& body, bool quiet = false);
 
+// The user every hostile neighbour runs as.
+constexpr uid_t kNobody = 65534;
+
+// A local user who is not root: a forked child that drops to uid and gid nobody, runs
+// setup (which opens, locks or binds what the test needs) and then waits until it is
+// killed, at destruction. setup returns "" on failure, else a text for the test (a port,
+// say). Needs root.
+class Stranger {
+public:
+    explicit Stranger(const std::function<std::string()>& setup);
+    ~Stranger();
+    Stranger(const Stranger&) = delete;
+    Stranger& operator=(const Stranger&) = delete;
+
+    explicit operator bool() const { return !said_.empty(); }
+    pid_t pid() const { return pid_; }
+    // What setup returned.
+    const std::string& said() const { return said_; }
+
+private:
+    pid_t pid_ = -1;
+    std::string said_;
+};
+
+// Empties this process's capability sets while it stays uid 0: root as a unit without
+// capabilities runs it. For forked children; false when the kernel refused.
+bool dropCapabilities();
+
 // A socket on 127.0.0.1 (SOCK_STREAM ones listen); port 0 picks a free one and is set to
 // it. Empty when the port is taken.
 UniqueFd loopbackSocket(int type, int& port);

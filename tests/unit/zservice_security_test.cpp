@@ -20,7 +20,6 @@ using namespace Orvex::Test;
 
 namespace {
 
-constexpr uid_t kNobody = 65534;
 
 bool readByte(int fd, char& byte)
 {
