@@ -13,6 +13,7 @@
 #include <Poco/Process.h>
 
 #include "common/exceptions.h"
+#include "common/misc.h"
 #include "common/paths.h"
 #include "common/raii.h"
 #include "common/trace.h"
@@ -61,61 +62,93 @@ void callDevice(const std::string& mac, const char* method, zs_io* buffer)
         throw SessionNotFound(mac, 0);
 }
 
+// Whether pid is the process holding the MAC's lock, which is the session's.
+bool isSessionOf(const std::string& mac, pid_t pid)
+{
+    SessionInfo info;
+    return findSession(mac, info) && info.state != SessionState::Exited && info.pid == pid;
+}
+
 // Any reply counts, an unknown method's 404 included: it is answered by the loop itself.
 // A probe that finds nobody listening costs a failed connect; at most 8 ms between probes
 // keeps a start from waiting long for a daemon that is already serving (on a loaded
-// machine launches take tens of milliseconds).
+// machine launches take tens of milliseconds). A listener that is not the session (it
+// bound the address first) will not start answering: the next step names it.
 void waitUntilServing(const std::string& mac)
 {
     auto deadline = Clock::now() + kServingLimit;
     milliseconds pause{1};
     for (;;) {
+        pid_t pid = 0;
+        uid_t uid = 0;
+        bool listening = zs_listener(Paths::busAddress(mac).c_str(), &pid, &uid) == 0;
+        if (listening && !isSessionOf(mac, pid))
+            return;
         ZsIoPtr probe = makeZsIo();
-        if (busCall(mac, "ping", probe.get(), 1) == 0 || Clock::now() > deadline)
+        if ((listening && busCall(mac, "ping", probe.get(), 1) == 0) || Clock::now() > deadline)
             return;
         std::this_thread::sleep_for(pause);
         pause = std::min(pause * 2, milliseconds(8));
     }
 }
 
-void sendTerm(pid_t pid)
+// The sign-in carries the password: it goes to the MAC's session process or nowhere. A
+// listener that is not that process (one who bound the address first) is named instead.
+void requireSessionListening(const std::string& mac)
 {
-    ::kill(pid, SIGTERM);
-    // A stopped process would keep the signal pending forever.
-    ::kill(pid, SIGCONT);
+    const std::string address = Paths::busAddress(mac);
+    pid_t pid = 0;
+    uid_t uid = 0;
+    if (zs_listener(address.c_str(), &pid, &uid) != 0 || isSessionOf(mac, pid))
+        return;  // nobody listens (the call tells that), or the session does
+    throw BusSquatter(strformat("the bus address %s is held by pid %d of uid %u, not by a session process for MAC %s: "
+                                "nothing sent",
+        address.c_str(), static_cast<int>(pid), static_cast<unsigned>(uid), mac.c_str()));
 }
 
-bool waitGone(const std::vector<Ended>& targets, milliseconds limit)
+// A session found to stop, and what is reported about it.
+struct Target {
+    Ended ended;
+    SessionProcess process;
+};
+
+void sendTerm(const SessionProcess& process)
+{
+    process.signal(SIGTERM);
+    // A stopped process would keep the signal pending forever.
+    process.signal(SIGCONT);
+}
+
+bool waitGone(const std::vector<Target>& targets, milliseconds limit)
 {
     auto deadline = Clock::now() + limit;
     for (;;) {
         bool all = true;
-        for (const Ended& t : targets)
-            all = all && processGone(t.pid);
+        for (const Target& t : targets)
+            all = all && !t.process.running();
         if (all || Clock::now() > deadline)
             return all;
         std::this_thread::sleep_for(milliseconds(20));
     }
 }
 
-// SIGTERM, grace, SIGKILL, then a short wait for the kernel to finish them.
-StopReport terminate(std::vector<Ended> targets, milliseconds grace)
+// SIGTERM, grace, SIGKILL, then a short wait for the kernel to finish them. Each signal
+// goes to the process found or to none (SessionProcess).
+StopReport terminate(std::vector<Target> targets, milliseconds grace)
 {
     StopReport report;
-    for (Ended& t : targets) {
-        t.how = "SIGTERM";
-        sendTerm(t.pid);
+    for (Target& t : targets) {
+        t.ended.how = "SIGTERM";
+        sendTerm(t.process);
     }
     if (!waitGone(targets, grace)) {
-        for (Ended& t : targets)
-            if (!processGone(t.pid)) {
-                t.how = "SIGKILL";
-                ::kill(t.pid, SIGKILL);
-            }
+        for (Target& t : targets)
+            if (t.process.signal(SIGKILL))
+                t.ended.how = "SIGKILL";
         waitGone(targets, milliseconds(2000));
     }
-    for (const Ended& t : targets)
-        (processGone(t.pid) ? report.ended : report.survivors).push_back(t);
+    for (const Target& t : targets)
+        (t.process.running() ? report.survivors : report.ended).push_back(t.ended);
     return report;
 }
 
@@ -139,17 +172,21 @@ std::vector<pid_t> lsofPids()
     return pids;
 }
 
-std::vector<Ended> sessionProcesses()
+// Something else holding the program file open (a copy, a debugger) is left alone.
+std::vector<Target> sessionProcesses()
 {
-    std::vector<Ended> targets;
+    std::vector<Target> targets;
     std::set<pid_t> seen;
+    auto add = [&](const std::string& mac, pid_t pid) {
+        if (pid <= 0 || !seen.insert(pid).second)
+            return;
+        if (SessionProcess process = SessionProcess::find(pid))
+            targets.push_back(Target{Ended{mac, pid, ""}, std::move(process)});
+    };
     for (const SessionInfo& s : listSessions())
-        if (s.pid > 0 && !processGone(s.pid) && isSessionProcess(s.pid) && seen.insert(s.pid).second)
-            targets.push_back(Ended{s.mac, s.pid, ""});
-    // Something else holding the file open (a copy, a debugger) is left alone.
+        add(s.mac, s.pid);
     for (pid_t pid : lsofPids())
-        if (isSessionProcess(pid) && seen.insert(pid).second)
-            targets.push_back(Ended{"", pid, ""});
+        add("", pid);
     return targets;
 }
 
@@ -157,7 +194,7 @@ std::vector<Ended> sessionProcesses()
 pid_t sessionPid(const std::string& mac, bool& stopped)
 {
     SessionInfo info;
-    if (!findSession(mac, info) || info.state == SessionState::Exited || !isSessionProcess(info.pid))
+    if (!findSession(mac, info) || info.state == SessionState::Exited)
         return 0;
     stopped = info.stopped;
     return info.pid;
@@ -182,6 +219,7 @@ void start(json_t*& out, const DeviceOption& opt, const LaunchOptions& launch)
     Poco::ProcessHandle handle = Poco::Process::launch(Paths::kDaemonPath, args);
     handle.wait();
     waitUntilServing(opt.mac);
+    requireSessionListening(opt.mac);
     ZsIoPtr buffer = makeZsIo();
     JsonRef signin = JsonRef::adopt(json_pack("{ss si sb ss ss}", "ip", opt.ip.c_str(), "port", opt.port, "secure",
         opt.secure, "user", opt.user.c_str(), "pass", opt.pass.c_str()));
@@ -213,19 +251,21 @@ void stop(json_t*&, const MacOption& opt)
 StopReport stopOne(const std::string& mac, milliseconds grace)
 {
     bool stopped = false;
-    pid_t pid = sessionPid(mac, stopped);
+    // Found before the sign-out, which ends it: only this process is signalled later.
+    SessionProcess process = SessionProcess::find(sessionPid(mac, stopped));
     ZsIoPtr buffer = makeZsIo();
     // A process stopped by a signal cannot answer: no need to wait for the time-out.
     bool answered = !stopped && busCall(mac, "signout", buffer.get(), kSignoutTimeout) == 0;
-    if (!answered && pid == 0)
+    if (!answered && !process)
         throw SessionNotFound(mac, 0);
-    std::vector<Ended> target{Ended{mac, pid, "signout"}};
+    std::vector<Target> target;
+    target.push_back(Target{Ended{mac, process.pid(), "signout"}, std::move(process)});
     StopReport report;
-    if (pid == 0 || (answered && waitGone(target, grace))) {
-        report.ended = target;
+    if (!target[0].process || (answered && waitGone(target, grace))) {
+        report.ended.push_back(target[0].ended);
         return report;
     }
-    return terminate(target, grace);
+    return terminate(std::move(target), grace);
 }
 
 void call(json_t*& inout, const DeviceOption& opt, const std::string& method)

@@ -3,13 +3,15 @@
 // device protocols.
 //
 // Errors: SessionNotFound(<MAC>, 0) when no process answers for the MAC (or the MAC is
-// empty); std::runtime_error for a launch that cannot run. Replies replace the whole
-// content of the caller's object.
+// empty); BusSquatter when something else listens on the MAC's bus address;
+// std::runtime_error for a launch that cannot run. Replies replace the whole content of
+// the caller's object.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -19,6 +21,13 @@
 
 namespace Orvex {
 namespace Control {
+
+// A listener on the MAC's bus address that is not the MAC's session process; what() names
+// its pid and uid.
+class BusSquatter : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 // How long a process gets between SIGTERM and SIGKILL unless the caller says otherwise.
 constexpr std::chrono::milliseconds kDefaultGrace{5000};
@@ -40,13 +49,15 @@ struct StopReport {
 };
 
 // Launches the daemon for opt "mac", waits (bounded) until it answers on the bus, then
-// signs it in with opt's device; out becomes the sign-in reply.
+// signs it in with opt's device; out becomes the sign-in reply. The sign-in (and with it
+// the password) goes only to the process that holds the MAC's lock.
 void start(json_t*& out, const DeviceOption& opt);
 void start(json_t*& out, const DeviceOption& opt, const LaunchOptions& launch);
 
 // Every session process: found through the lock files (holder, or the pid left in the
 // file if that process runs the daemon program) and through lsof on the program file
-// when lsof is installed; SIGTERM, the grace period, then SIGKILL.
+// when lsof is installed; SIGTERM, the grace period, then SIGKILL. Each signal reaches the
+// very process found, and only while it still runs the daemon program (SessionProcess).
 void stop();
 StopReport stopAll(std::chrono::milliseconds grace);
 

@@ -2,6 +2,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +17,7 @@
 #include <Poco/Path.h>
 
 #include "common/paths.h"
+#include "common/proc.h"
 #include "common/raii.h"
 #include "client/lockfile.h"
 
@@ -50,27 +54,6 @@ const LockName& lockName()
     return name;
 }
 
-// State letter of /proc/PID/stat ('R', 'S', 'T', 'Z', ...), '\0' when gone.
-char processState(pid_t pid)
-{
-    char path[64], buffer[512];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
-    ssize_t n = fd ? ::read(fd.get(), buffer, sizeof buffer - 1) : -1;
-    if (n <= 0)
-        return '\0';
-    buffer[n] = '\0';
-    const char* close = std::strrchr(buffer, ')');
-    return close && close[1] == ' ' ? close[2] : '\0';
-}
-
-std::string exeOf(pid_t pid)
-{
-    char target[4096];
-    ssize_t n = ::readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), target, sizeof target - 1);
-    return n > 0 ? std::string(target, static_cast<size_t>(n)) : "";
-}
-
 pid_t pidInFile(int fd)
 {
     char text[33] = {0};
@@ -81,7 +64,9 @@ pid_t pidInFile(int fd)
 
 bool binaryReplaced(pid_t pid, const StatusRecord& status)
 {
-    if (exeOf(pid).find(" (deleted)") != std::string::npos)
+    bool deleted = false;
+    Proc::program(pid, &deleted);
+    if (deleted)
         return true;
     struct stat st{};
     if (status.binary.empty() || ::stat(status.binary.c_str(), &st) != 0)
@@ -103,11 +88,15 @@ bool inspect(const std::string& mac, const LockHolders& holders, time_t now, Ses
     info.hasStatus = readStatus(mac, status) && status.pid == info.pid;
     if (info.hasStatus)
         info.status = status;
-    // A lock held by anything but a session process (or by nobody) means no session runs.
-    if (holder == holders.end() || processGone(info.pid) || !isSessionProcess(info.pid))
+    // A lock held by anything but a session process (or by nobody) means no session runs;
+    // so does a lock file of another user than its holder's, such as one a stranger
+    // planted and holds from a copy of the program.
+    if (holder == holders.end() || Proc::gone(info.pid) || !isSessionProcess(info.pid) ||
+        !Proc::runsAs(info.pid, st.st_uid))
         return true;
     info.state = info.hasStatus && binaryReplaced(info.pid, status) ? SessionState::StaleBinary : SessionState::Running;
-    info.stopped = processState(info.pid) == 'T';
+    Proc::Stat current;
+    info.stopped = Proc::stat(info.pid, current) && current.state == 'T';
     if (info.hasStatus && status.started > 0)
         info.uptime = static_cast<long>(now - status.started);
     return true;
@@ -128,19 +117,56 @@ const char* stateName(SessionState state)
     return "exited";
 }
 
-bool processGone(pid_t pid)
-{
-    char state = processState(pid);
-    return state == '\0' || state == 'Z' || state == 'X';
-}
-
 bool isSessionProcess(pid_t pid)
 {
-    std::string exe = exeOf(pid);
-    const std::string deleted = " (deleted)";
-    if (exe.size() > deleted.size() && exe.compare(exe.size() - deleted.size(), deleted.size(), deleted) == 0)
-        exe.erase(exe.size() - deleted.size());
-    return !exe.empty() && Poco::Path(exe).getFileName() == Paths::kServicePrefix;
+    std::string program = Proc::program(pid);
+    return !program.empty() && Poco::Path(program).getFileName() == Paths::kServicePrefix &&
+           (Proc::runsAs(pid, 0) || Proc::runsAs(pid, ::geteuid()));
+}
+
+SessionProcess SessionProcess::find(pid_t pid)
+{
+    SessionProcess found;
+    Proc::Stat st;
+    if (pid <= 0 || !Proc::stat(pid, st))
+        return found;
+    found.pid_ = pid;
+    found.start_ = st.start;
+    // Taken before the checks, so that they are about the process the pidfd refers to:
+    // it still runs afterwards, so it is the one that had the pid while they ran. (The
+    // system call: Debian 12's <sys/pidfd.h> lacks the C linkage for C++.)
+    found.pidfd_.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    if (!isSessionProcess(pid) || !found.running())
+        return SessionProcess();
+    return found;
+}
+
+bool SessionProcess::sameStart() const
+{
+    Proc::Stat st;
+    return Proc::stat(pid_, st) && st.start == start_ && st.state != 'Z' && st.state != 'X';
+}
+
+bool SessionProcess::running() const
+{
+    if (pid_ <= 0)
+        return false;
+    if (!pidfd_)
+        return sameStart();
+    // A pidfd turns readable when its process ends, whoever has the pid since.
+    pollfd ended{pidfd_.get(), POLLIN, 0};
+    return ::poll(&ended, 1, 0) == 0 && sameStart();
+}
+
+bool SessionProcess::signal(int signo) const
+{
+    if (!running() || !isSessionProcess(pid_))
+        return false;
+    if (pidfd_)
+        return ::syscall(SYS_pidfd_send_signal, pidfd_.get(), signo, nullptr, 0) == 0;
+    // Without a pidfd the pid might change hands between the check and the signal; the
+    // start time checked just before leaves that window as small as it gets.
+    return ::kill(pid_, signo) == 0;
 }
 
 std::vector<SessionInfo> listSessions()

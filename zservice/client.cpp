@@ -166,11 +166,16 @@ int exchange(const Address& address, const std::string& method, zs_io* io, int64
 
 namespace Orvex::Bus {
 
+bool peerCredentials(int fd, ucred& cred)
+{
+    socklen_t length = sizeof(cred);
+    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) == 0;
+}
+
 bool peerUid(int fd, uid_t& uid)
 {
     ucred cred{};
-    socklen_t length = sizeof(cred);
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0)
+    if (!peerCredentials(fd, cred))
         return false;
     uid = cred.uid;
     return true;
@@ -183,16 +188,27 @@ bool trustedUid(uid_t uid)
 
 int listenerUid(const char* address, uid_t& uid)
 {
+    pid_t pid = 0;
+    return zs_listener(address, &pid, &uid);
+}
+
+}  // namespace Orvex::Bus
+
+int zs_listener(const char* address, pid_t* pid, uid_t* uid)
+{
     Address parsed;
-    if (!parseAddress(address, parsed))
+    if (!address || !pid || !uid || !parseAddress(address, parsed))
         return -1;
     Socket sock{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
     if (sock.fd < 0 || connectWithin(sock.fd, parsed, nowMs() + 1000) != 0)
         return -1;
-    return peerUid(sock.fd, uid) ? 0 : -1;
+    ucred cred{};
+    if (!Orvex::Bus::peerCredentials(sock.fd, cred))
+        return -1;
+    *pid = cred.pid;
+    *uid = cred.uid;
+    return 0;
 }
-
-}  // namespace Orvex::Bus
 
 int zs_call(const char* address, const char* method, zs_io* io, int timeout_s, int fd)
 {

@@ -67,7 +67,9 @@ int waitFor(int fd, short events, int64_t deadlineMs);
 int sendFrame(int fd, const Header& header, const std::string& name, const char* body,
               int passFd, int64_t deadlineMs);
 
-// The user id of a connected socket's other end (SO_PEERCRED).
+// The process, user and group of a connected socket's other end (SO_PEERCRED).
+bool peerCredentials(int fd, ucred& cred);
+// Its user id alone.
 bool peerUid(int fd, uid_t& uid);
 // The trust rule both ways: root, or our own effective user id.
 bool trustedUid(uid_t uid);

@@ -68,6 +68,10 @@ void zs_io_free(zs_io *io);
  * ETIMEDOUT, EPROTO (bad reply or closed without one), EMSGSIZE, ENAMETOOLONG, EACCES (the
  * listener is neither root nor our effective user: nothing was sent to it). */
 int zs_call(const char *address, const char *method, zs_io *io, int timeout_s, int fd);
+/* Connects to address, sends nothing, and reads who listens there (SO_PEERCRED: the
+ * process that put the socket to listen): 0, or -1 with errno (ECONNREFUSED/ENOENT when
+ * nobody listens). */
+int zs_listener(const char *address, pid_t *pid, uid_t *uid);
 
 #ifdef __cplusplus
 }

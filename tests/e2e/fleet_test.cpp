@@ -1,7 +1,9 @@
 // orvexctl on one device and on a fleet of session processes: start, call and stop, error
 // replies, sign-in failures with their causes and exit codes, list/status from the lock and
 // status files, stop that escalates, and the password kept out of sight.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -229,6 +231,81 @@ TEST_F(Fleet, StartKeepsThePasswordOutOfTheProcessListAndTheDaemon)
     EXPECT_TRUE(contains(readFile("/proc/" + std::to_string(pid) + "/cmdline"), std::string("-l\0007\0", 5)));
     std::string daemonVersion = run({daemonBinary(), "--version"}).out;
     EXPECT_EQ(ctl({"--version"}).out, "orvexctl " + daemonVersion.substr(daemonVersion.find(' ') + 1));
+}
+
+// The lock file's name is not locked for the fleet's MACs; the daemon's one lock holder.
+bool locked(const std::string& path)
+{
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd && flock(fd.get(), LOCK_SH | LOCK_NB) != 0;
+}
+
+// What callers sent to a raw listener so far.
+std::string sentTo(int listener)
+{
+    fcntl(listener, F_SETFL, O_NONBLOCK);
+    std::string sent;
+    for (int fd; (fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0; close(fd)) {
+        char buffer[4096];
+        for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;)
+            sent.append(buffer, size_t(n));
+    }
+    return sent;
+}
+
+// A stranger plants a lock file for an unused MAC and holds it from a copy of a program
+// under the daemon's name. The listing must not show it as a session, and no stop may
+// signal it; a genuine session beside it is still stopped.
+TEST_F(Fleet, AStrangersDecoyIsNeitherListedAsRunningNorSignalled)
+{
+    const std::string decoyMac = "02:00:00:00:06:01";
+    const std::string lock = lockPath(decoyMac);
+    ASSERT_EQ(chmod(folderOf(lock).c_str(), 01777), 0);
+    TempDir dir;
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    const std::string decoy = dir.file(Paths::kServicePrefix);
+    std::filesystem::copy_file("/usr/bin/flock", decoy);
+    Child holder(Spawn{{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", decoy, "-o", lock,
+        "sleep", "600"}, {}, "", ""});
+    ASSERT_TRUE(waitFor([&] { return locked(lock); })) << "the decoy did not lock " << lock;
+    Daemon genuine("02:00:00:00:06:02", {}, Paths::kDaemonPath);
+    ASSERT_TRUE(genuine.ready()) << genuine.log();
+
+    std::vector<std::string> rows = lines(ctl({"list"}).out);
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0], decoyMac + " pid " + std::to_string(holder.pid()) + " exited");
+    EXPECT_TRUE(contains(rows[1], " running")) << rows[1];
+    EXPECT_EQ(ctl({"stop", decoyMac, "--grace", "1"}).status, 3);
+    RunResult all = ctl({"stop", "--all", "--grace", "1"});
+    EXPECT_EQ(all.status, 0) << all.err;
+    EXPECT_EQ(all.out, "02:00:00:00:06:02 pid " + std::to_string(genuine.process().pid()) + " ended (SIGTERM)\n");
+    EXPECT_EQ(genuine.process().wait(2s), 0);
+    EXPECT_TRUE(holder.running()) << "the decoy was signalled";
+}
+
+// Whoever bound a session's bus address first gets no sign-in (and no password) from
+// start, which names it instead: a listener of another user, or a root process that is
+// not the MAC's session.
+TEST_F(Fleet, StartNamesWhoeverSquatsTheBusAddressAndSendsItNothing)
+{
+    const std::string strangerMac = "02:00:00:00:07:01";
+    Stranger stranger([&] { return rawListen(busAddress(strangerMac)) >= 0 ? "listening" : ""; });
+    ASSERT_TRUE(stranger) << "needs root to play uid nobody";
+    RunResult started = start(strangerMac, closedPort(), "s3cr3t", false);
+    EXPECT_EQ(started.status, 3);
+    EXPECT_EQ(started.err, "orvexctl: the bus address " + busAddress(strangerMac) + " is held by pid " +
+                               std::to_string(stranger.pid()) + " of uid 65534, not by a session process for MAC " +
+                               strangerMac + ": nothing sent\n");
+
+    const std::string rootMac = "02:00:00:00:07:02";
+    UniqueFd squatter(rawListen(busAddress(rootMac)));
+    ASSERT_TRUE(squatter);
+    started = start(rootMac, closedPort(), "s3cr3t", false);
+    EXPECT_EQ(started.status, 3);
+    EXPECT_EQ(started.err, "orvexctl: the bus address " + busAddress(rootMac) + " is held by pid " +
+                               std::to_string(getpid()) + " of uid 0, not by a session process for MAC " + rootMac +
+                               ": nothing sent\n");
+    EXPECT_EQ(sentTo(squatter.get()), "");
 }
 
 // Needs no daemon, so no isolation.

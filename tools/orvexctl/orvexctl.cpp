@@ -323,6 +323,9 @@ int runMain(int argc, char** argv)
     } catch (const SessionNotFound&) {
         std::fprintf(stderr, "orvexctl: no session process answers for MAC %s\n", command.mac.c_str());
         return kExitNoSession;
+    } catch (const Control::BusSquatter& e) {
+        std::fprintf(stderr, "orvexctl: %s\n", e.what());
+        return kExitNoSession;
     } catch (const Poco::Exception& e) {
         std::fprintf(stderr, "orvexctl: %s\n", e.displayText().c_str());
         return kExitErrorReply;
