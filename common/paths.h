@@ -20,6 +20,9 @@ constexpr const char* kDaemonPath = "/usr/local/sbin/orvex-session";
 constexpr const char* kLogPath = "/var/log/orvex/orvexd.log";
 // Directory of the per-session status files.
 constexpr const char* kStatusDirectory = "/run/orvex";
+// In that directory, which only root writes: the file whose flock serialises the taking of
+// lock files among session processes.
+constexpr const char* kLockGuardName = "lock-guard";
 // A MAC address after normalisation: six lower-case hex pairs joined by ':'.
 constexpr const char* kMacPattern = "^([0-9a-f]{2}:){5}([0-9a-f]{2})$";
 

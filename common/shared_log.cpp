@@ -93,8 +93,9 @@ void SharedLogChannel::openFile()
         fail(path_, "not a regular file");
     if (st.st_uid != ::geteuid())
         fail(path_, "owned by uid " + std::to_string(st.st_uid));
-    if ((st.st_mode & 0022) != 0)
-        ::fchmod(fd.get(), st.st_mode & 0755);
+    // Not readable by others either: whoever can open the file can lock it.
+    if ((st.st_mode & 0027) != 0)
+        ::fchmod(fd.get(), st.st_mode & 0750);
     file_ = std::move(fd);
 }
 
@@ -110,11 +111,14 @@ bool SharedLogChannel::renamedAway() const
 
 void SharedLogChannel::rotate()
 {
-    // Whoever gets the folder lock first rotates; the others find the file renamed.
-    if (::flock(folder_.get(), LOCK_EX) != 0)
+    // The lock is the log file's own, and only our user can open that file: nobody else
+    // can hold it. Whoever takes it first rotates; the others do not wait but write on,
+    // and their next line finds the file renamed and reopens.
+    const int held = file_.get();
+    if (::flock(held, LOCK_EX | LOCK_NB) != 0)
         return;
     struct stat st{};
-    if (!renamedAway() && ::fstat(file_.get(), &st) == 0 && st.st_size >= rotateBytes_) {
+    if (!renamedAway() && ::fstat(held, &st) == 0 && st.st_size >= rotateBytes_) {
         std::string base = baseName(path_);
         for (int i = purgeCount_ - 1; i >= 1; --i) {
             std::string from = base + "." + std::to_string(i - 1), to = base + "." + std::to_string(i);
@@ -123,12 +127,12 @@ void SharedLogChannel::rotate()
         ::unlinkat(folder_.get(), (base + "." + std::to_string(purgeCount_)).c_str(), 0);
         ::renameat(folder_.get(), base.c_str(), folder_.get(), (base + ".0").c_str());
     }
+    ::flock(held, LOCK_UN);
     try {
         openFile();
     } catch (const Poco::Exception&) {
         // Keep the descriptor we have: a line in the archive beats a lost line.
     }
-    ::flock(folder_.get(), LOCK_UN);
 }
 
 void SharedLogChannel::log(const Poco::Message& message)

@@ -2,13 +2,15 @@
 //
 // Each line is one O_APPEND write. Before each write the channel compares the file at the
 // path with its open descriptor and reopens when another process has rotated it away, so
-// no process keeps writing into an archive. Rotation happens under an flock on the log's
-// folder, by one process at a time: the current file becomes "<path>.0", older archives
-// move up by one ("<path>.1" ...), and only purgeCount archives are kept, the names the
-// library's FileChannel used with archive by number.
+// no process keeps writing into an archive. Rotation happens under an flock on the log
+// file itself, taken without waiting, by one process at a time: the current file becomes
+// "<path>.0", older archives move up by one ("<path>.1" ...), and only purgeCount
+// archives are kept, the names the library's FileChannel used with archive by number.
+// A line never waits for a lock: a process that finds the file locked writes on.
 //
 // The file is opened without following links, must be a regular file owned by this
-// process's user, and is created with mode 0640. Thread-safe.
+// process's user, and is created with mode 0640 (a file readable by others loses that
+// bit, since whoever can open it can lock it). Thread-safe.
 #pragma once
 
 #include <Poco/Channel.h>

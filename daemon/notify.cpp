@@ -59,5 +59,18 @@ void stopping()
     send("STOPPING=1");
 }
 
+void disown()
+{
+    static const char kName[] = "NOTIFY_SOCKET=";
+    char* value = std::getenv("NOTIFY_SOCKET");
+    if (value == nullptr)
+        return;
+    // The text stays in /proc/PID/environ, the first environment's copy, unless blanked there.
+    char* entry = value - (sizeof kName - 1);
+    const size_t length = std::strlen(entry);
+    ::unsetenv("NOTIFY_SOCKET");
+    std::memset(entry, 0, length);
+}
+
 }  // namespace Notify
 }  // namespace Orvex

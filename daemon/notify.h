@@ -10,6 +10,9 @@ namespace Notify {
 void ready();
 void status(const std::string& text);
 void stopping();
+// Removes NOTIFY_SOCKET from the environment: a detached process is not the one a service
+// manager started, and must not speak for it. Before any thread starts.
+void disown();
 
 }  // namespace Notify
 }  // namespace Orvex

@@ -11,6 +11,7 @@
 #include <getopt.h>
 #include <malloc.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -183,6 +184,9 @@ void detach()
     if (grandchild != 0)
         _exit(grandchild < 0 ? 1 : 0);
     redirectStandardStreams();
+    // A manager's socket inherited from whoever started us (root's shell, a unit's
+    // ExecStartPre) is not ours: only a session in the foreground (-d) is a unit's process.
+    Notify::disown();
 }
 
 Poco::AutoPtr<Poco::Channel> makeChannel(bool debug)
@@ -247,17 +251,24 @@ void registerMethods()
     }
 }
 
+// Standard error is /dev/null once detached: the log file keeps the line too.
+void tell(const Options& options, const std::string& line, Poco::Message::Priority priority)
+{
+    std::fputs(line.c_str(), stderr);
+    if (!options.debug)
+        Poco::Logger::root().log(Poco::Message("", line.substr(0, line.find('\n')), priority));
+}
+
 // One instance per MAC: the lock is held until shutdown, and the file keeps our pid.
 std::unique_ptr<LockFile> takeLock(const Options& options)
 {
     try {
-        return std::make_unique<LockFile>(Paths::lockPath(options.mac));
+        auto lock = std::make_unique<LockFile>(Paths::lockPath(options.mac));
+        if (!lock->replaced().empty())
+            tell(options, lock->replaced(), Poco::Message::PRIO_WARNING);
+        return lock;
     } catch (const LockError& e) {
-        std::fputs(e.what(), stderr);
-        // Standard error is /dev/null once detached: the log file keeps the reason.
-        std::string line = e.what();
-        if (!options.debug)
-            Poco::Logger::root().error(line.substr(0, line.find('\n')));
+        tell(options, e.what(), Poco::Message::PRIO_ERROR);
         std::exit(1);
     }
 }
@@ -351,6 +362,9 @@ void shutdown(Session& session, StatusKeeper& status, std::unique_ptr<LockFile>&
 
 int run(int argc, char** argv)
 {
+    // The device password lives in our memory: no core file, and no process of our user
+    // without CAP_SYS_PTRACE (/proc/PID/mem, environ, ptrace) may read it.
+    prctl(PR_SET_DUMPABLE, 0);
     json_object_seed(0);
     Options options = parseCommandLine(argc, argv);
     if (options.help || options.version) {

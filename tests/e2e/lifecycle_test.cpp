@@ -1,6 +1,6 @@
-// The daemon process on its own: lock and log files that an attacker prepared, the
-// modes of what it creates, the log shared with other sessions across rotations, and the
-// notifications to a service manager.
+// The daemon process on its own: lock and log files that an attacker prepared or holds,
+// the modes of what it creates, the log shared with other sessions across rotations, the
+// notifications to a service manager, and its memory kept from other processes and cores.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -12,9 +12,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <memory>
 
 #include "common/paths.h"
 #include "tests/support/daemon.h"
@@ -23,7 +26,6 @@ namespace Orvex::Test {
 namespace {
 
 const std::string kMac = "00:11:22:33:44:55";
-constexpr uid_t kNobody = 65534;
 
 unsigned modeOf(const std::string& path)
 {
@@ -31,26 +33,19 @@ unsigned modeOf(const std::string& path)
     return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
-// A process of uid nobody that holds a shared flock on path until killed.
-pid_t holdLockAsNobody(const std::string& path)
+// A process of uid nobody that opens path (a file or a folder) and holds a lock on it.
+std::function<std::string()> lockAsNobody(const std::string& path, int operation)
 {
-    int ready[2];
-    if (pipe(ready) != 0)
-        return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
+    return [path, operation] {
         int fd = open(path.c_str(), O_RDONLY);
-        if (setgid(kNobody) != 0 || setuid(kNobody) != 0 || fd < 0 || flock(fd, LOCK_SH) != 0)
-            _exit(1);
-        (void)!write(ready[1], "x", 1);
-        pause();
-        _exit(0);
-    }
-    char c;
-    close(ready[1]);
-    bool held = read(ready[0], &c, 1) == 1;
-    close(ready[0]);
-    return held ? pid : -1;
+        return fd >= 0 && flock(fd, operation) == 0 ? "held" : "";
+    };
+}
+
+ino_t inodeOf(const std::string& path)
+{
+    struct stat st{};
+    return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
 std::string linkOf(const std::string& path)
@@ -59,58 +54,69 @@ std::string linkOf(const std::string& path)
     return std::filesystem::read_symlink(path, error).string();
 }
 
-void endProcess(pid_t pid)
-{
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-}
-
 class DaemonFiles : public ::testing::Test {
 protected:
     void SetUp() override { ORVEX_REQUIRE_ISOLATION(); }
     void TearDown() override { killSessions(); }
 };
 
-TEST_F(DaemonFiles, LockFileRefusesLinksFifosAndFilesOfOtherUsers)
+// Whatever a stranger put or holds at the lock file's name is never followed, written or
+// waited on, and never keeps the MAC from starting: the daemon swaps in a file of its own.
+// Also as root without capabilities (the unit's daemon), which may not open a file of
+// another user but, owning the sticky lock folder, may still replace it.
+TEST_F(DaemonFiles, WhatAStrangerPutsOrHoldsAtTheLockFileIsSwappedOutNotFollowed)
 {
     const std::string lock = lockPath(kMac);
+    // As on Debian: anyone may create files there; only their owner or root remove them.
+    ASSERT_EQ(chmod(std::filesystem::path(lock).parent_path().c_str(), 01777), 0);
     TempDir dir;
     const std::string victim = dir.file("victim");
     std::ofstream(victim) << "precious";
-
-    ASSERT_EQ(symlink(victim.c_str(), lock.c_str()), 0);
-    RunResult linked = run({daemonBinary(), "-d", "-m", kMac});
-    EXPECT_EQ(linked.status, 1);
-    EXPECT_EQ(linked.err, "orvex-session lock file " + lock + " is a symbolic link, refused.\n");
-    EXPECT_EQ(readFile(victim), "precious");
-    unlink(lock.c_str());
-
-    ASSERT_EQ(mkfifo(lock.c_str(), 0644), 0);
-    RunResult fifo = run({daemonBinary(), "-d", "-m", kMac});
-    EXPECT_EQ(fifo.status, 1) << "a FIFO must not stall the start";
-    EXPECT_EQ(fifo.err, "orvex-session lock file " + lock + " is not a regular file, refused.\n");
-    unlink(lock.c_str());
-
-    std::ofstream(lock) << "1";
-    ASSERT_EQ(chown(lock.c_str(), kNobody, kNobody), 0);
-    RunResult foreign = run({daemonBinary(), "-d", "-m", kMac});
-    EXPECT_EQ(foreign.status, 1);
-    EXPECT_EQ(foreign.err, "orvex-session lock file " + lock + " belongs to uid 65534, refused.\n");
-    ASSERT_EQ(chown(lock.c_str(), 0, 0), 0);
-
-    chmod(lock.c_str(), 0644);
-    pid_t holder = holdLockAsNobody(lock);
-    ASSERT_GT(holder, 0);
-    RunResult held = run({daemonBinary(), "-d", "-m", kMac});
-    endProcess(holder);
-    EXPECT_EQ(held.status, 1);
-    EXPECT_EQ(held.err, "orvex-session lock file " + lock + " is held by pid " + std::to_string(holder) +
-                            " of uid 65534, refused.\n");
-
-    // With the traps gone the daemon starts.
-    Daemon daemon(kMac);
-    ASSERT_TRUE(daemon.ready()) << daemon.log();
-    EXPECT_EQ(readFile(lock), std::to_string(daemon.process().pid()));
+    struct Trap {
+        std::string reason;
+        std::function<void()> plant;
+        std::vector<std::string> wrapper;
+    };
+    std::unique_ptr<Stranger> holder;
+    const Trap traps[] = {
+        {"is a symbolic link", [&] { ASSERT_EQ(symlink(victim.c_str(), lock.c_str()), 0); }, {}},
+        {"is not a regular file", [&] { ASSERT_EQ(mkfifo(lock.c_str(), 0644), 0); }, {}},
+        {"belongs to uid 65534",
+            [&] {
+                std::ofstream(lock) << "1";
+                ASSERT_EQ(chown(lock.c_str(), kNobody, kNobody), 0);
+                ASSERT_EQ(chmod(lock.c_str(), 0600), 0);
+            },
+            withoutCapabilities()},
+        {"is held by pid ",
+            [&] {
+                std::ofstream(lock) << "1";
+                chmod(lock.c_str(), 0644);
+                holder = std::make_unique<Stranger>(lockAsNobody(lock, LOCK_SH));
+                ASSERT_TRUE(*holder);
+            },
+            {}},
+    };
+    for (const Trap& trap : traps) {
+        unlink(lock.c_str());
+        trap.plant();
+        Daemon daemon(kMac, {}, daemonBinary(), trap.wrapper);
+        ASSERT_TRUE(daemon.ready()) << trap.reason << ": " << daemon.log();
+        EXPECT_EQ(daemon.log().rfind("orvex-session lock file " + lock + " " + trap.reason, 0), 0u) << daemon.log();
+        EXPECT_NE(daemon.log().find(": replaced by our own.\n"), std::string::npos) << daemon.log();
+        struct stat st{};
+        ASSERT_EQ(lstat(lock.c_str(), &st), 0) << trap.reason;
+        EXPECT_TRUE(S_ISREG(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0644) << trap.reason;
+        EXPECT_EQ(readFile(lock), std::to_string(daemon.process().pid())) << trap.reason;
+        EXPECT_EQ(readFile(victim), "precious");
+        // The next start finds the daemon's own lock, held: the running one is named.
+        RunResult second = run({daemonBinary(), "-d", "-m", kMac});
+        EXPECT_EQ(second.status, 1) << trap.reason;
+        EXPECT_EQ(second.err, "orvex-session daemon is running (" + std::to_string(daemon.process().pid()) + ").\n");
+    }
+    const std::string name = std::filesystem::path(lock).filename().string();
+    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(lock).parent_path()))
+        EXPECT_TRUE(entry.path().filename() == name) << "left behind: " << entry.path();
 }
 
 TEST_F(DaemonFiles, DetachedDaemonCreatesNothingWritableByOthersAndNeverLogsThroughALink)
@@ -230,6 +236,34 @@ TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFi
     }
 }
 
+// The log folder is 0755: any user may open and lock it. The log file itself is ours
+// alone, so nobody else can take the lock rotation uses; and a line never waits for it.
+TEST_F(DaemonFiles, AStrangersLockOnTheLogFolderNeitherStallsNorStopsRotation)
+{
+    const std::string folder = std::filesystem::path(Paths::kLogPath).parent_path();
+    // An older version left the log readable by others; the daemon takes that away.
+    std::ofstream(Paths::kLogPath) << "";
+    ASSERT_EQ(chmod(Paths::kLogPath, 0644), 0);
+    Stranger folderLock(lockAsNobody(folder, LOCK_EX));
+    ASSERT_TRUE(folderLock) << "needs root to play uid nobody";
+    ASSERT_EQ(run({daemonBinary(), "-m", kMac, "-l", "8"}).status, 0);
+    ASSERT_TRUE(waitFor([] { return answers(kMac); }));
+    EXPECT_EQ(modeOf(Paths::kLogPath), 0640u);
+    EXPECT_FALSE(Stranger(lockAsNobody(Paths::kLogPath, LOCK_SH))) << "a stranger could lock the log file";
+
+    const std::string archive = std::string(Paths::kLogPath) + ".0";
+    int rotations = 0;
+    auto begin = std::chrono::steady_clock::now();
+    for (ino_t seen = inodeOf(archive); rotations < 2 && std::chrono::steady_clock::now() - begin < 60s;) {
+        ASSERT_EQ(sessionCall(kMac, "ping", "{}", -1, 5).rc, 0) << "a call stalled after " << rotations << " rotations";
+        if (inodeOf(archive) != seen) {
+            seen = inodeOf(archive);
+            ++rotations;
+        }
+    }
+    EXPECT_EQ(rotations, 2);
+}
+
 // A stand-in for the service manager's notification socket.
 class NotifySocket {
 public:
@@ -274,6 +308,60 @@ TEST_F(DaemonFiles, NotifiesReadyOnlyWhenServingThenSessionStatusAndStopping)
     EXPECT_EQ(manager.next(), "STOPPING=1");
     EXPECT_EQ(manager.next().rfind("STATUS=", 0), 0u) << "the shutdown's sign-out";
     EXPECT_EQ(daemon.wait(), 0);
+}
+
+// Only a daemon in the foreground is a unit's process: one that detached must not speak
+// for whoever started it, nor keep the socket's name around.
+TEST_F(DaemonFiles, DetachedDaemonDropsTheNotifySocketItInherited)
+{
+    TempDir dir;
+    NotifySocket manager(dir.file("notify"));
+    ASSERT_TRUE(manager.bound());
+    ASSERT_EQ(run({daemonBinary(), "-m", kMac}, {"NOTIFY_SOCKET=" + dir.file("notify")}).status, 0);
+    ASSERT_TRUE(waitFor([] { return answers(kMac); }));
+    EXPECT_EQ(manager.next(1000), "") << "the detached daemon notified";
+    const pid_t pid = lockHolder(kMac);
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(readFile("/proc/" + std::to_string(pid) + "/environ").find("NOTIFY_SOCKET="), std::string::npos);
+}
+
+// The device password lives in the daemon's memory. A root process without capabilities
+// (as the unit runs the daemon) may not read another session's memory, and the fault
+// that switching the syslog server on causes leaves no core file holding it.
+TEST_F(DaemonFiles, NeitherACapabilityLessRootProcessNorACoreFileSeesTheSessionsMemory)
+{
+    const std::string secret = "core-secret-4711";
+    Devsim device("token", false, {"--pass", secret});
+    TempDir cwd, out;
+    // In the foreground the daemon keeps its working directory, where a core lands when
+    // core_pattern is a plain file name.
+    std::string command = "ulimit -c unlimited && cd " + cwd.path() + " && exec";
+    for (const std::string& word : withoutCapabilities())
+        command += " " + word;
+    Child daemon(Spawn{{"/bin/sh", "-c", command + " " + daemonBinary() + " -d -m " + kMac}, {}, "", out.file("err")});
+    ASSERT_TRUE(waitFor([] { return answers(kMac); })) << readFile(out.file("err"));
+    ASSERT_EQ(sessionCall(kMac, "signin", device.signinArgs(secret)).rc, 0);
+
+    const std::string proc = "/proc/" + std::to_string(lockHolder(kMac));
+    const int reader = inChild([&] {
+        if (!dropCapabilities())
+            _exit(3);
+        for (const char* entry : {"/mem", "/environ"})
+            if (open((proc + entry).c_str(), O_RDONLY) >= 0)
+                _exit(entry[1] == 'm' ? 1 : 2);
+        _exit(0);
+    });
+    EXPECT_EQ(reader, 0) << "1: memory readable, 2: environment readable, 3: capabilities not dropped";
+
+    sessionCall(kMac, "set_device_rsyslog_server_config", R"({"enable":true,"tcp_enable":true})");
+    EXPECT_NE(daemon.wait(), 0) << "the pack fault ends the process";
+    for (const auto& entry : std::filesystem::directory_iterator(cwd.path()))
+        EXPECT_EQ(readFile(entry.path()).find(secret), std::string::npos) << entry.path() << " holds the password";
+    // A pattern without a path (not a pipe either) puts cores into the working directory.
+    const std::string pattern = readFile("/proc/sys/kernel/core_pattern");
+    if (pattern.find_first_of("|/") == std::string::npos) {
+        EXPECT_TRUE(std::filesystem::is_empty(cwd.path())) << "a core was written";
+    }
 }
 
 }  // namespace
