@@ -2,18 +2,16 @@
 
 #include "common/misc.h"
 #include "common/trace.h"
+#include "option/port_probe.h"
 
 #include <Poco/SingletonHolder.h>
 #include <Poco/String.h>
 
 #include <arpa/inet.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <limits>
-#include <memory>
 
 namespace Orvex {
 
@@ -22,10 +20,8 @@ namespace {
 constexpr int64_t PORT_MIN = 1;
 constexpr int64_t PORT_MAX = 65535;
 
-const char* const TCP_PROBE = "%s -nPiTCP:%d -sTCP:LISTEN | /usr/bin/tail -n1 | /bin/cut -d' ' -f1";
-const char* const UDP_PROBE = "%s -nPiUDP:%d | /usr/bin/tail -n1 | /bin/cut -d' ' -f1";
-// The appliance keeps lsof in /usr/sbin, Debian in /usr/bin.
-const char* const LSOF_PATHS[] = {"/usr/sbin/lsof", "/usr/bin/lsof"};
+// The system log daemon, which the setting reconfigures: a port it holds is not taken.
+const char* const SYSTEM_LOG_DAEMON = "rsyslogd";
 constexpr size_t HOST_MAX = 253;
 
 [[noreturn]] void fail(const char* key, const char* word)
@@ -138,33 +134,14 @@ void readRanged(json_t* args, const char* key, int32_t& field, int64_t low, int6
         field = rangedOf(value, key, low, high);
 }
 
-// Name of the program holding the port according to the lsof pipeline, "" when none (or
-// when the pipeline cannot be started).
-std::string portHolder(const char* probe, int32_t port)
-{
-    ORVEX_TRACE();
-    const char* lsof = LSOF_PATHS[0];
-    if (::access(lsof, X_OK) != 0 && ::access(LSOF_PATHS[1], X_OK) == 0)
-        lsof = LSOF_PATHS[1];
-    std::string command = strformat(probe, lsof, port);
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
-    if (!pipe)
-        return std::string();
-    char word[33] = {0};
-    if (std::fscanf(pipe.get(), "%32s", word) != 1)
-        return std::string();
-    return word;
-}
-
 // A port is usable when free or held by the system log daemon, which the setting
 // reconfigures anyway.
-void checkPortFree(json_t* args, const char* key, const char* probe, int32_t port)
+void checkPortFree(json_t* args, const char* key, PortProbe::Protocol protocol, int32_t port)
 {
     ORVEX_TRACE();
     if (!lookup(args, key))
         return;
-    std::string holder = portHolder(probe, port);
-    if (!holder.empty() && holder != "rsyslogd")
+    if (!PortProbe::freeOrHeldBy(protocol, port, SYSTEM_LOG_DAEMON))
         fail(key, "occupied");
 }
 
@@ -282,9 +259,9 @@ SyslogServerOption::SyslogServerOption(json_t* args) : context(args)
     if (enable && !tcp_enable && !udp_enable)
         throw OptionException("syslog cannot enable while both tcp/udp disabled", 400);
     readRanged(args, "tcp_port", tcp_port, PORT_MIN, PORT_MAX);
-    checkPortFree(args, "tcp_port", TCP_PROBE, tcp_port);
+    checkPortFree(args, "tcp_port", PortProbe::Protocol::Tcp, tcp_port);
     readRanged(args, "udp_port", udp_port, PORT_MIN, PORT_MAX);
-    checkPortFree(args, "udp_port", UDP_PROBE, udp_port);
+    checkPortFree(args, "udp_port", PortProbe::Protocol::Udp, udp_port);
 }
 
 SyslogClientManagerOption::SyslogClientManagerOption(json_t* args) : context(args)

@@ -1,14 +1,17 @@
-// The port probe of SyslogServerOption against real sockets and the real lsof. Runs under
-// tests/isolate.sh (see option.cmake): private network namespace, /usr/sbin/lsof present.
+// The port probe of SyslogServerOption against real sockets and real processes. Runs under
+// tests/isolate.sh (see option.cmake): a private network namespace, so the sockets it sees
+// are its own.
 #include "tests/support/option.h"
 #include "tests/support/process.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -32,13 +35,14 @@ HeldPort holdPort(int type, int port = 0)
     return held;
 }
 
-// The compiled listener running under the file name "rsyslogd"; stopped by closing its stdin.
+// The compiled listener running under a file name ("rsyslogd" by default), as root with
+// every capability; stopped by closing its stdin.
 class Rsyslogd {
 public:
-    explicit Rsyslogd(const std::string& protocol)
+    explicit Rsyslogd(const std::string& protocol, const std::string& name = "rsyslogd")
     {
-        std::filesystem::copy_file(ORVEX_OPTION_LISTENER, dir_.file("rsyslogd"));
-        Test::Spawn spawn{{dir_.file("rsyslogd"), protocol}, {}, dir_.file("port"), ""};
+        std::filesystem::copy_file(ORVEX_OPTION_LISTENER, dir_.file(name));
+        Test::Spawn spawn{{dir_.file(name), protocol}, {}, dir_.file("port"), ""};
         spawn.stdinPipe = true;
         child_ = std::make_unique<Test::Child>(spawn);
         Test::waitFor([this] { return Test::readFile(dir_.file("port")).find('\n') != std::string::npos; });
@@ -59,6 +63,37 @@ private:
 std::string ports(int tcp, int udp)
 {
     return "{\"tcp_port\":" + std::to_string(tcp) + ",\"udp_port\":" + std::to_string(udp) + "}";
+}
+
+// A loopback port held by a process of uid nobody.
+std::function<std::string()> portOfNobody(int type)
+{
+    return [type] {
+        int port = 0;
+        return Test::loopbackSocket(type, port).release() >= 0 ? std::to_string(port) : "";
+    };
+}
+
+// The record's outcome as root without capabilities sees it (the daemon under its unit):
+// the descriptors of other users' processes, and of root's that hold capabilities, are
+// closed to it. "verdict:" and the outcome, or why there is none.
+std::string outcomeWithoutCapabilities(const std::string& args)
+{
+    int verdict[2];
+    if (pipe(verdict) != 0)
+        return "no pipe";
+    Test::inChild([&] {
+        close(verdict[0]);
+        std::string said = Test::dropCapabilities() ? "verdict:" + outcome<SyslogServerOption>(args) : "capset refused";
+        _exit(write(verdict[1], said.data(), said.size()) == ssize_t(said.size()) ? 0 : 1);
+    });
+    close(verdict[1]);
+    std::string said;
+    char buffer[256];
+    for (ssize_t n; (n = read(verdict[0], buffer, sizeof buffer)) > 0;)
+        said.append(buffer, size_t(n));
+    close(verdict[0]);
+    return said;
 }
 
 class PortProbe : public ::testing::Test {
@@ -116,4 +151,26 @@ TEST_F(PortProbe, ProbesOnlyGivenPortsAfterTheirRangeTcpFirst)
     EXPECT_EQ(outcome<SyslogServerOption>(R"({"tcp_port":1514,"udp_port":0})"), "tcp_port occupied");
     EXPECT_EQ(outcome<SyslogServerOption>(R"({"tcp_port":0,"udp_port":1514})"), "tcp_port incorrect");
     EXPECT_EQ(outcome<SyslogServerOption>(R"({"enable":true,"tcp_port":1514})"), "syslog cannot enable while both tcp/udp disabled");
+}
+
+// The unit gives the daemon no capabilities, so the probe cannot see which process holds a
+// socket of another user or of a root process with capabilities; it must still refuse
+// ports of other programs and accept those of the system log daemon.
+TEST_F(PortProbe, TellsTheSystemLogDaemonApartWithoutPrivilegeOverOtherProcesses)
+{
+    Orvex::Test::Stranger tcp(portOfNobody(SOCK_STREAM)), udp(portOfNobody(SOCK_DGRAM));
+    ASSERT_TRUE(tcp && udp) << "needs root to play uid nobody";
+    const int tcpPort = std::atoi(tcp.said().c_str()), udpPort = std::atoi(udp.said().c_str());
+    int free = holdPort(SOCK_DGRAM).port;
+    EXPECT_EQ(outcomeWithoutCapabilities(ports(free, free)), "verdict:");
+    EXPECT_EQ(outcomeWithoutCapabilities(ports(tcpPort, free)), "verdict:tcp_port occupied");
+    EXPECT_EQ(outcomeWithoutCapabilities(ports(free, udpPort)), "verdict:udp_port occupied");
+    {
+        Rsyslogd other("tcp", "syslog-ng");
+        EXPECT_EQ(outcomeWithoutCapabilities(ports(other.port, free)), "verdict:tcp_port occupied");
+    }
+    Rsyslogd rsyslogTcp("tcp"), rsyslogUdp("udp");
+    EXPECT_EQ(outcomeWithoutCapabilities(ports(rsyslogTcp.port, rsyslogUdp.port)), "verdict:");
+    // The system log daemon runs as root: a port of nobody is still another program's.
+    EXPECT_EQ(outcomeWithoutCapabilities(ports(tcpPort, rsyslogUdp.port)), "verdict:tcp_port occupied");
 }
