@@ -10,6 +10,7 @@
 #include <Poco/URI.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/IPAddress.h>
 #include <Poco/Net/SocketAddress.h>
 
 #include <openssl/err.h>
@@ -26,8 +27,13 @@
 #include <chrono>
 #include <climits>
 #include <cstring>
+#include <condition_variable>
 #include <istream>
+#include <memory>
+#include <mutex>
 #include <sstream>
+#include <system_error>
+#include <thread>
 
 namespace Orvex {
 namespace session_detail {
@@ -38,15 +44,17 @@ using Clock = std::chrono::steady_clock;
 using Poco::Net::Context;
 
 constexpr const char* kCipherList = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH";
+// Security level 0 lets anonymous and null suites through, which the other levels drop.
+constexpr const char* kTls11CipherList = "ALL:!ADH:!LOW:!EXP:!MD5:!aNULL:!eNULL:@STRENGTH";
 // X25519 first: its key share is the cheapest to make, and OpenSSL sends the first
 // group's share in the hello, so a TLS 1.3 device needs no second round trip.
 constexpr const char* kGroups = "X25519:P-256:X448:P-384:P-521";
 constexpr size_t kChunkLine = 1024;
 
-Context::Ptr makeContext()
+Context::Ptr makeContext(const char* ciphers = kCipherList)
 {
     Context::Ptr context = new Context(Context::TLSV1_CLIENT_USE, "", "", "", Context::VERIFY_NONE, 9, false,
-                                       kCipherList);
+                                       ciphers);
     context->disableProtocols(Context::PROTO_SSLV2 | Context::PROTO_SSLV3 | Context::PROTO_TLSV1);
     context->enableSessionCache(true);
     SSL_CTX_set1_groups_list(context->sslContext(), kGroups);
@@ -54,10 +62,11 @@ Context::Ptr makeContext()
 }
 
 // OpenSSL 3 refuses TLS 1.1's signatures above security level 0; this context lowers it
-// for that one version only, so nothing changes for TLS 1.2 and 1.3.
+// for that one version only, so nothing changes for TLS 1.2 and 1.3, and keeps out the
+// anonymous and null suites that level 0 would otherwise offer.
 Context::Ptr makeTls11Context()
 {
-    Context::Ptr context = makeContext();
+    Context::Ptr context = makeContext(kTls11CipherList);
     SSL_CTX* ctx = context->sslContext();
     SSL_CTX_set_min_proto_version(ctx, TLS1_1_VERSION);
     SSL_CTX_set_max_proto_version(ctx, TLS1_1_VERSION);
@@ -98,6 +107,7 @@ public:
     size_t receive(char* buffer, size_t size);
 
 private:
+    Poco::Net::SocketAddress resolve(const std::string& host, uint16_t port) const;
     void connectTo(const std::string& host, uint16_t port);
     [[noreturn]] void connectFailed(int error) const;
     void await(short events, const char* waitingFor) const;
@@ -131,14 +141,54 @@ Connection::~Connection()
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
+// One name resolution, shared by the exchange and the thread that resolves.
+struct Resolution {
+    std::mutex mutex;
+    std::condition_variable finished;
+    bool done = false;
+    Poco::Net::SocketAddress address;
+    std::string error;
+};
+
+// The resolver has no time-out that the exchange could set, so a host name is resolved
+// on a thread of its own, which the exchange leaves behind when its deadline comes first;
+// that thread then ends with the resolver's own time-outs and touches only the shared
+// Resolution. Addresses need no resolver and no thread.
+Poco::Net::SocketAddress Connection::resolve(const std::string& host, uint16_t port) const
+{
+    Poco::Net::IPAddress ip;
+    if (Poco::Net::IPAddress::tryParse(host, ip))
+        return Poco::Net::SocketAddress(ip, port);
+    auto shared = std::make_shared<Resolution>();
+    try {
+        std::thread([shared, host, port] {
+            Poco::Net::SocketAddress address;
+            std::string error;
+            try {
+                address = Poco::Net::SocketAddress(host, port);
+            } catch (const Poco::Exception& e) {
+                error = e.displayText();
+            }
+            std::lock_guard<std::mutex> lock(shared->mutex);
+            shared->address = address;
+            shared->error = error;
+            shared->done = true;
+            shared->finished.notify_all();
+        }).detach();
+    } catch (const std::system_error& e) {
+        fail(Cause::Unreachable, std::string("cannot resolve the address (") + e.what() + ")");
+    }
+    std::unique_lock<std::mutex> lock(shared->mutex);
+    if (!shared->finished.wait_until(lock, deadline_, [&] { return shared->done; }))
+        fail(Cause::Unreachable, strformat("cannot resolve the address within %d s", kExchangeSeconds));
+    if (!shared->error.empty())
+        fail(Cause::Unreachable, "cannot resolve the address (" + shared->error + ")");
+    return shared->address;
+}
+
 void Connection::connectTo(const std::string& host, uint16_t port)
 {
-    Poco::Net::SocketAddress address;
-    try {
-        address = Poco::Net::SocketAddress(host, port);
-    } catch (const Poco::Exception& e) {
-        fail(Cause::Unreachable, "cannot resolve the address (" + e.displayText() + ")");
-    }
+    Poco::Net::SocketAddress address = resolve(host, port);
     fd_.reset(::socket(address.af(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd_)
         fail(Cause::Unreachable, std::string("cannot open a socket: ") + std::strerror(errno));
@@ -398,23 +448,25 @@ std::string readBody(std::istream& in, Connection& connection, const Poco::Net::
     return body;
 }
 
-// TLS on the connection; a device that chose TLS 1.1 and failed on the default settings
-// is met again, on a new connection, with the TLS 1.1 context.
+// TLS on the connection, always first with the default settings. A device that chose
+// TLS 1.1 and failed on them is met again, on a new connection and for this exchange
+// only, with the TLS 1.1 context, unless it has spoken TLS 1.2 or newer with us since
+// the sign-in: then the TLS 1.1 answer came from someone else on the path.
 Connection connect(const std::string& host, uint16_t port, TlsClient* tls, Clock::time_point deadline)
 {
     Connection connection(host, port, deadline);
     if (tls == nullptr)
         return connection;
     try {
-        connection.handshake(tls->context(tls->tls11()), host, tls->resumable());
+        connection.handshake(tls->context(false), host, tls->resumable());
+        tls->negotiated(SSL_version(connection.ssl()));
         return connection;
     } catch (const ExchangeError&) {
-        if (tls->tls11() || connection.failedVersion() != TLS1_1_VERSION)
+        if (!tls->mayFallBack() || connection.failedVersion() != TLS1_1_VERSION)
             throw;
     }
     Connection again(host, port, deadline);
     again.handshake(tls->context(true), host, nullptr);
-    tls->setTls11(true);
     return again;
 }
 
@@ -472,7 +524,12 @@ void TlsClient::usePeer(const std::string& peer)
         return;
     peer_ = peer;
     keep(nullptr);
-    tls11_ = false;
+    newest_ = 0;
+}
+
+void TlsClient::negotiated(int version)
+{
+    newest_ = std::max(newest_, version);
 }
 
 SSL_CTX* TlsClient::context(bool tls11) const
@@ -511,8 +568,9 @@ Answer exchange(const std::string& host, uint16_t port, TlsClient* tls, Poco::Ne
     readHeader(in, buffer, connection, tls != nullptr, response);
     Answer answer{response.getStatus(), readBody(in, connection, response)};
     // Taken only now: a TLS 1.3 device sends its session tickets after the handshake,
-    // and they have been read once the answer has.
-    if (tls != nullptr)
+    // and they have been read once the answer has. A TLS 1.1 session is not: the
+    // default hello, the only one that offers a session, could not resume it.
+    if (tls != nullptr && SSL_version(connection.ssl()) >= TLS1_2_VERSION)
         tls->keep(SSL_get1_session(connection.ssl()));
     return answer;
 }

@@ -52,7 +52,10 @@ private:
 // The TLS settings of every device and the last session of the current one, offered again
 // so that a request costs a resumption. A device that speaks only TLS 1.1 is reached with
 // a second context that allows that version alone at security level 0 (Debian's OpenSSL
-// refuses its signatures otherwise); TLS 1.0 and older stay refused.
+// refuses its signatures otherwise), without anonymous or null suites; TLS 1.0 and older
+// stay refused. Every exchange tries the default context first: the TLS 1.1 one is a
+// fallback for that exchange alone, and only for a device that has not spoken TLS 1.2 or
+// newer with this client. One client per sign-in.
 class TlsClient {
 public:
     TlsClient() = default;
@@ -60,11 +63,12 @@ public:
     TlsClient(const TlsClient&) = delete;
     TlsClient& operator=(const TlsClient&) = delete;
 
-    // Forgets the remembered session and version when the peer changes.
+    // Forgets the remembered session and versions when the peer changes.
     void usePeer(const std::string& peer);
     SSL_CTX* context(bool tls11) const;
-    bool tls11() const { return tls11_; }
-    void setTls11(bool on) { tls11_ = on; }
+    // Records the version of a handshake made with the default context.
+    void negotiated(int version);
+    bool mayFallBack() const { return newest_ < TLS1_2_VERSION; }
     SSL_SESSION* resumable() const { return resumable_; }
     // Takes over one reference.
     void keep(SSL_SESSION* session);
@@ -75,7 +79,7 @@ private:
     mutable Poco::Net::Context::Ptr legacy_;
     SSL_SESSION* resumable_ = nullptr;
     std::string peer_;
-    bool tls11_ = false;
+    int newest_ = 0;  // the newest TLS version this peer spoke with us
 };
 
 // True when a device-supplied session id or token may go into a Cookie or Authorization

@@ -59,6 +59,8 @@ bool Session::signin(json_t*& out, SigninOption& opt)
     secure = opt.secure;
     user = opt.user;
     password = opt.pass;
+    // What the device spoke before does not decide the TLS 1.1 fallback of a new sign-in.
+    tls.reset();
     Cause legacy = attempt(&Session::_nvx_signin, "legacy");
     Cause token = legacy == Cause::None ? Cause::None : attempt(&Session::_zem_signin, "token");
     signinFailure = std::min(legacy, token) == Cause::None ? Cause::None : std::max(legacy, token);

@@ -1,6 +1,10 @@
 // Failures through the methods: bad arguments keep the daemon serving, session errors end
-// it with status 0 after the error reply.
+// it with status 0 after the error reply, a device name nobody resolves fails in time.
+#include <sys/mount.h>
 #include <sys/socket.h>
+
+#include <chrono>
+#include <fstream>
 
 #include "tests/support/daemon.h"
 
@@ -62,6 +66,31 @@ TEST(MethodErrors, SessionErrorsAreRepliedThenTheProcessEndsWithStatusZero)
     // Both families were tried: the legacy login, then the token request (a 404 here).
     EXPECT_FALSE(device.requestsTo("POST", "/cgi-bin/authLogin.cgi").empty());
     EXPECT_FALSE(device.requestsTo("GET", "/zem/oauth/token").empty());
+}
+
+// Resolving a host name is part of the exchange: a name that no name server answers for
+// fails each family's sign-in at its 10 s bound, not after the resolver's own time-outs
+// (here two tries of 15 s).
+TEST(MethodErrors, SigninToAHostNameNoServerAnswersForEndsWithinTheExchangeBounds)
+{
+    ORVEX_REQUIRE_ISOLATION();
+    TempDir dir;
+    std::ofstream(dir.file("resolv.conf")) << "nameserver 127.0.0.1\noptions timeout:15 attempts:2\n";
+    ASSERT_EQ(mount(dir.file("resolv.conf").c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr), 0);
+    int dns = 53;
+    Orvex::UniqueFd silent = loopbackSocket(SOCK_DGRAM, dns);  // takes the questions, answers none
+    ASSERT_TRUE(silent);
+    Daemon daemon(kMac);
+    ASSERT_TRUE(daemon.ready()) << daemon.log();
+    auto begin = std::chrono::steady_clock::now();
+    BusReply reply = daemon.call("signin", R"({"ip":"nas-07.example.org","port":443,"user":"admin","pass":"x","secure":false})");
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    umount("/etc/resolv.conf");
+    expectReply(reply, errorReply(403, "signin fail"), "signin");
+    EXPECT_GE(seconds, 19.5);
+    EXPECT_LT(seconds, 23.0);
+    EXPECT_NE(daemon.log().find("nas-07.example.org:443: cannot resolve the address within 10 s"), std::string::npos)
+        << daemon.log();
 }
 
 }  // namespace

@@ -1,11 +1,18 @@
 // Devices that attack the session: answers without end, answers dripped or never sent,
-// XML nested beyond reason, session ids and tokens that smuggle headers; and callers that
-// put header text into "ip". Each must fail the exchange cleanly, within the bound.
+// XML nested beyond reason, session ids and tokens that smuggle headers, a TLS 1.1 answer
+// from someone on the path; and callers that put header text into "ip". Each must fail
+// the exchange cleanly, within the bound.
 #include "common/misc.h"
 #include "tests/support/hostile.h"
 #include "tests/support/session.h"
 
+#include <openssl/ssl.h>
+
+#include <algorithm>
 #include <chrono>
+#include <memory>
+#include <set>
+#include <vector>
 
 using namespace Orvex;
 using namespace Orvex::Test;
@@ -123,4 +130,98 @@ TEST(SessionHostile, SecretsNeverReachTheLogEvenAtTraceLevel)
         }
         EXPECT_GE(traced, 4u) << family;
     }
+}
+
+namespace {
+
+// The opening of a TLS connection: the hello's version field and the suites it offers.
+struct Hello {
+    unsigned version = 0;  // 0: not a client hello
+    std::vector<unsigned> suites;
+    bool offersTls13() const
+    {
+        return std::any_of(suites.begin(), suites.end(), [](unsigned s) { return (s >> 8) == 0x13; });
+    }
+};
+
+// Record header (5 bytes), handshake header (4), version (2), random (32), session id,
+// then the suites.
+Hello parseHello(const std::string& bytes)
+{
+    auto at = [&](size_t i) { return i < bytes.size() ? unsigned(static_cast<unsigned char>(bytes[i])) : 0u; };
+    Hello hello;
+    if (at(0) != 0x16 || at(5) != 1)
+        return hello;
+    hello.version = at(9) << 8 | at(10);
+    size_t suites = 44 + at(43);
+    size_t length = at(suites) << 8 | at(suites + 1);
+    for (size_t i = suites + 2; i + 1 < suites + 2 + length; i += 2)
+        hello.suites.push_back(at(i) << 8 | at(i + 1));
+    return hello;
+}
+
+// The suites without authentication or without encryption, as this OpenSSL names them.
+std::set<unsigned> anonymousOrNullSuites()
+{
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> ctx(SSL_CTX_new(TLS_client_method()), &SSL_CTX_free);
+    SSL_CTX_set_security_level(ctx.get(), 0);
+    SSL_CTX_set_cipher_list(ctx.get(), "aNULL:eNULL");
+    std::set<unsigned> ids;
+    STACK_OF(SSL_CIPHER)* ciphers = SSL_CTX_get_ciphers(ctx.get());
+    for (int i = 0; i < sk_SSL_CIPHER_num(ciphers); ++i) {
+        const SSL_CIPHER* c = sk_SSL_CIPHER_value(ciphers, i);
+        if (SSL_CIPHER_get_auth_nid(c) == NID_auth_null || SSL_CIPHER_get_cipher_nid(c) == NID_undef)
+            ids.insert(SSL_CIPHER_get_protocol_id(c));
+    }
+    return ids;
+}
+
+std::string readConfig()
+{
+    return sessionFailure([] {
+        JsonRef out = JsonRef::adopt(json_object());
+        json_t* reply = out.get();
+        Session::getInstance().getRsyslogConfig(reply);
+    });
+}
+
+}  // namespace
+
+// Someone on the path answers one hello with TLS 1.1. The device spoke TLS 1.3 at the
+// sign-in, so that exchange fails instead of falling back, and the next one offers TLS 1.3
+// again. A device that speaks only TLS 1.1 is still reached, and no hello ever offers a
+// suite without authentication or encryption.
+TEST(SessionHostile, OneTls11AnswerOnThePathNeitherSticksNorBringsAnonymousSuites)
+{
+    Devsim modern("token", true), old("token", true, {"--tls11-only"});
+    Relay path(modern.port());
+    Session& session = Session::getInstance();
+    session.reset();
+    SigninOption option = signinOption(path.port(), true);
+    JsonRef out = JsonRef::adopt(json_object());
+    json_t* reply = out.get();
+    ASSERT_NO_THROW(session.signin(reply, option));
+    path.forwardTo(old.port());
+    EXPECT_EQ(readConfig(), "connection fail 400") << "fell back to TLS 1.1 for a TLS 1.3 device";
+    path.forwardTo(modern.port());
+    size_t before = path.openings().size();
+    EXPECT_EQ(readConfig(), "");
+    ASSERT_GT(path.openings().size(), before);
+    EXPECT_TRUE(parseHello(path.openings()[before]).offersTls13()) << "the TLS 1.1 answer stuck";
+
+    path.forwardTo(old.port());
+    session.reset();
+    ASSERT_NO_THROW(session.signin(reply, option)) << "a TLS 1.1 device is still reached";
+    EXPECT_EQ(readConfig(), "");
+    const std::set<unsigned> anonymous = anonymousOrNullSuites();
+    ASSERT_FALSE(anonymous.empty());
+    size_t tls11Hellos = 0;
+    for (const std::string& opening : path.openings()) {
+        Hello hello = parseHello(opening);
+        ASSERT_NE(hello.version, 0u);
+        tls11Hellos += !hello.offersTls13();
+        for (unsigned suite : hello.suites)
+            EXPECT_EQ(anonymous.count(suite), 0u) << "suite " << std::hex << suite;
+    }
+    EXPECT_GT(tls11Hellos, 0u);
 }
