@@ -2,8 +2,11 @@
 // replies, sign-in failures with their causes and exit codes, list/status from the lock and
 // status files, stop that escalates, and the password kept out of sight.
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -281,6 +284,60 @@ TEST_F(Fleet, AStrangersDecoyIsNeitherListedAsRunningNorSignalled)
     EXPECT_EQ(all.out, "02:00:00:00:06:02 pid " + std::to_string(genuine.process().pid()) + " ended (SIGTERM)\n");
     EXPECT_EQ(genuine.process().wait(2s), 0);
     EXPECT_TRUE(holder.running()) << "the decoy was signalled";
+}
+
+// Runs scene as pid 1 of a new pid namespace with its own /proc, and returns its exit
+// status; 90 when the namespace cannot be made.
+int inPidNamespace(const std::function<int()>& scene)
+{
+    return inChild([&] {
+        if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0)
+            _exit(90);
+        pid_t init = fork();
+        if (init == 0) {
+            if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                mount("proc", "/proc", "proc", 0, nullptr) != 0)
+                _exit(90);
+            _exit(scene());
+        }
+        int status = 0;
+        waitpid(init, &status, 0);
+        _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 91);
+    });
+}
+
+// The next process forked in this pid namespace gets pid.
+bool nextPidIs(pid_t pid)
+{
+    std::ofstream last("/proc/sys/kernel/ns_last_pid");
+    last << pid - 1;
+    last.close();
+    return last.good();
+}
+
+// The session ends on its sign-out, and a root process takes its pid before stop looks
+// again: stop must see that its session is gone, and signal nothing.
+TEST_F(Fleet, StopNeverSignalsAProcessThatTookTheSessionsPid)
+{
+    const std::string mac = "02:00:00:00:08:01";
+    const int status = inPidNamespace([&] {
+        Daemon session(mac);
+        if (!session.ready())
+            return 2;
+        const pid_t pid = session.process().pid();
+        Child stop(Spawn{{ctlBinary(), "stop", mac, "--grace", "1"}, {}, "", ""});
+        // The session ends once it has answered the sign-out; its pid is free once reaped.
+        if (session.process().wait(10s) != 0 || !nextPidIs(pid))
+            return 3;
+        Child successor(Spawn{{"/bin/sleep", "30"}, {}, "", ""});
+        if (successor.pid() != pid)
+            return 4;
+        if (stop.wait(10s) != 0)
+            return 5;
+        return successor.running() ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0) << "1: the successor was signalled, 2: no session, 3: it did not end on its sign-out, "
+                            "4: the pid was not reused, 5: stop failed, 90: no pid namespace";
 }
 
 // Whoever bound a session's bus address first gets no sign-in (and no password) from
