@@ -39,16 +39,16 @@ std::string readRequest(int fd)
 
 }  // namespace
 
-Hostile::Hostile(std::vector<Piece> script, End end) : script_(std::move(script)), end_(end)
+LoopbackServer::LoopbackServer(std::function<void(int fd)> serve) : serve_(std::move(serve))
 {
     UniqueFd listening = loopbackSocket(SOCK_STREAM, port_);
     if (!listening)
-        throw std::runtime_error("hostile device: cannot listen");
+        throw std::runtime_error("loopback server: cannot listen");
     listen_ = listening.release();
     acceptor_ = std::thread([this] { acceptLoop(); });
 }
 
-Hostile::~Hostile()
+LoopbackServer::~LoopbackServer()
 {
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -61,7 +61,44 @@ Hostile::~Hostile()
     acceptor_.join();
     for (std::thread& thread : threads_)
         thread.join();
+    // Closed only now, so that no descriptor is shut down after its number was reused.
+    for (int fd : open_)
+        ::close(fd);
     ::close(listen_);
+}
+
+bool LoopbackServer::pause(std::chrono::milliseconds time)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return !wake_.wait_for(lock, time, [this] { return stopping_; });
+}
+
+void LoopbackServer::track(int fd)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_.push_back(fd);
+    if (stopping_)
+        ::shutdown(fd, SHUT_RDWR);
+}
+
+void LoopbackServer::acceptLoop()
+{
+    for (;;) {
+        int fd = ::accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC);
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (fd < 0 || stopping_) {
+            if (fd >= 0)
+                ::close(fd);
+            return;
+        }
+        open_.push_back(fd);
+        threads_.emplace_back([this, fd] { serve_(fd); });
+    }
+}
+
+Hostile::Hostile(std::vector<Piece> script, End end)
+    : script_(std::move(script)), end_(end), server_([this](int fd) { serve(fd); })
+{
 }
 
 std::vector<std::string> Hostile::requests() const
@@ -75,27 +112,6 @@ std::string Hostile::answer(const std::string& body)
     return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-void Hostile::acceptLoop()
-{
-    for (;;) {
-        int fd = ::accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC);
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (fd < 0 || stopping_) {
-            if (fd >= 0)
-                ::close(fd);
-            return;
-        }
-        open_.push_back(fd);
-        threads_.emplace_back([this, fd] { serve(fd); });
-    }
-}
-
-bool Hostile::pause(std::chrono::milliseconds time)
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    return !wake_.wait_for(lock, time, [this] { return stopping_; });
-}
-
 void Hostile::serve(int fd)
 {
     std::string request = readRequest(fd);
@@ -105,43 +121,16 @@ void Hostile::serve(int fd)
     }
     bool going = true;
     for (const Piece& piece : script_)
-        going = going && sendAll(fd, piece.bytes) && pause(piece.pause);
+        going = going && sendAll(fd, piece.bytes) && server_.pause(piece.pause);
     while (going && end_ == End::RepeatLast && !script_.empty())
-        going = sendAll(fd, script_.back().bytes) && pause(script_.back().pause);
+        going = sendAll(fd, script_.back().bytes) && server_.pause(script_.back().pause);
     if (going && end_ == End::Hold)
-        pause(std::chrono::hours(1));
-    // Closed by the destructor's shutdown, or here: either way the descriptor is released
-    // only once the server stops, so it is never shut down after reuse.
+        server_.pause(std::chrono::hours(1));
     ::shutdown(fd, SHUT_WR);
-    pause(std::chrono::hours(1));
-    ::close(fd);
+    server_.pause(std::chrono::hours(1));
 }
 
-Relay::Relay(int backend) : backend_(backend)
-{
-    UniqueFd listening = loopbackSocket(SOCK_STREAM, port_);
-    if (!listening)
-        throw std::runtime_error("relay: cannot listen");
-    listen_ = listening.release();
-    acceptor_ = std::thread([this] { acceptLoop(); });
-}
-
-Relay::~Relay()
-{
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-        for (int fd : open_)
-            ::shutdown(fd, SHUT_RDWR);
-    }
-    ::shutdown(listen_, SHUT_RDWR);
-    acceptor_.join();
-    for (std::thread& thread : threads_)
-        thread.join();
-    for (int fd : open_)
-        ::close(fd);
-    ::close(listen_);
-}
+Relay::Relay(int backend) : backend_(backend), server_([this](int fd) { serve(fd); }) {}
 
 void Relay::forwardTo(int backend)
 {
@@ -155,40 +144,27 @@ std::vector<std::string> Relay::openings() const
     return openings_;
 }
 
-void Relay::acceptLoop()
-{
-    for (;;) {
-        int client = ::accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC);
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (client < 0 || stopping_) {
-            if (client >= 0)
-                ::close(client);
-            return;
-        }
-        int backend = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(backend_));
-        if (backend < 0 || ::connect(backend, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-            ::close(client);
-            if (backend >= 0)
-                ::close(backend);
-            continue;
-        }
-        open_.insert(open_.end(), {client, backend});
-        threads_.emplace_back([this, client, backend] { serve(client, backend); });
-    }
-}
-
 // Copies both ways until either side ends; the client's first read is recorded.
-void Relay::serve(int client, int backend)
+void Relay::serve(int client)
 {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        address.sin_port = htons(static_cast<uint16_t>(backend_));
+    }
+    int backend = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (backend < 0)
+        return;
+    server_.track(backend);
+    if (::connect(backend, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        return;
     bool first = true;
     pollfd ends[2] = {{client, POLLIN, 0}, {backend, POLLIN, 0}};
     char buffer[16384];
     while (::poll(ends, 2, -1) > 0) {
-        int from = (ends[0].revents != 0) ? 0 : 1;
+        int from = ends[0].revents != 0 ? 0 : 1;
         ssize_t n = ::recv(ends[from].fd, buffer, sizeof buffer, 0);
         if (n <= 0 || !sendAll(ends[1 - from].fd, std::string(buffer, size_t(n))))
             break;

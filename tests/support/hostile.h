@@ -1,12 +1,18 @@
-// A hostile device: a raw TCP server on 127.0.0.1 and an ephemeral port that reads each
-// request (header and Content-Length body) and answers every connection with the same
-// script: pieces of bytes with pauses after them, then optionally the last piece again and
-// again (an endless answer), silence (the connection held open) or a close. It records what
-// it received. Its own threads serve; the destructor ends them.
+// Hostile peers of the session on 127.0.0.1 and ephemeral ports, each serving every
+// connection on a thread of its own; their destructors end the threads.
+//
+// Hostile, a hostile device: a raw TCP server that reads each request (header and
+// Content-Length body) and answers every connection with the same script: pieces of bytes
+// with pauses after them, then optionally the last piece again and again (an endless
+// answer), silence (the connection held open) or a close. It records what it received.
+//
+// Relay, someone on the path to a device: forwards each new connection to the backend
+// port set at that moment, and records the first bytes each client sent (a TLS hello).
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +20,37 @@
 #include <vector>
 
 namespace Orvex::Test {
+
+// The server both build on: accepts on its own thread and hands each connection to serve
+// on a thread of its own. Stopping (at destruction) shuts down every connection and every
+// descriptor passed to track(), joins the threads, then closes those descriptors.
+class LoopbackServer {
+public:
+    explicit LoopbackServer(std::function<void(int fd)> serve);
+    ~LoopbackServer();
+    LoopbackServer(const LoopbackServer&) = delete;
+    LoopbackServer& operator=(const LoopbackServer&) = delete;
+
+    int port() const { return port_; }
+    // Sleeps, or returns false once the server stops.
+    bool pause(std::chrono::milliseconds time);
+    // A further descriptor of a connection (a relay's second socket), stopped and closed
+    // with the server.
+    void track(int fd);
+
+private:
+    void acceptLoop();
+
+    std::function<void(int)> serve_;
+    int listen_ = -1;
+    int port_ = 0;
+    bool stopping_ = false;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::vector<int> open_;
+    std::vector<std::thread> threads_;
+    std::thread acceptor_;
+};
 
 class Hostile {
 public:
@@ -24,11 +61,8 @@ public:
     enum class End { Close, RepeatLast, Hold };
 
     Hostile(std::vector<Piece> script, End end = End::Close);
-    ~Hostile();
-    Hostile(const Hostile&) = delete;
-    Hostile& operator=(const Hostile&) = delete;
 
-    int port() const { return port_; }
+    int port() const { return server_.port(); }
     // Every request received so far, whole, in arrival order.
     std::vector<std::string> requests() const;
 
@@ -36,53 +70,32 @@ public:
     static std::string answer(const std::string& body);
 
 private:
-    void acceptLoop();
     void serve(int fd);
-    // Sleeps, or returns false once the server stops.
-    bool pause(std::chrono::milliseconds time);
 
     std::vector<Piece> script_;
     End end_;
-    int listen_ = -1;
-    int port_ = 0;
-    bool stopping_ = false;
     mutable std::mutex mutex_;
-    std::condition_variable wake_;
-    std::vector<int> open_;
     std::vector<std::string> requests_;
-    std::vector<std::thread> threads_;
-    std::thread acceptor_;
+    LoopbackServer server_;  // last: stopped before the members its threads use
 };
 
-// Someone on the path to a device: a TCP relay on 127.0.0.1 and an ephemeral port that
-// forwards each new connection to the backend port set at that moment, and records the
-// first bytes each client sent (a TLS client hello). Its own threads serve.
 class Relay {
 public:
     explicit Relay(int backend);
-    ~Relay();
-    Relay(const Relay&) = delete;
-    Relay& operator=(const Relay&) = delete;
 
-    int port() const { return port_; }
+    int port() const { return server_.port(); }
     // Connections from now on go to this port.
     void forwardTo(int backend);
     // The first bytes of every connection so far, in order.
     std::vector<std::string> openings() const;
 
 private:
-    void acceptLoop();
-    void serve(int client, int backend);
+    void serve(int client);
 
-    int listen_ = -1;
-    int port_ = 0;
-    int backend_;
-    bool stopping_ = false;
     mutable std::mutex mutex_;
-    std::vector<int> open_;
+    int backend_;
     std::vector<std::string> openings_;
-    std::vector<std::thread> threads_;
-    std::thread acceptor_;
+    LoopbackServer server_;  // last: stopped before the members its threads use
 };
 
 }  // namespace Orvex::Test
