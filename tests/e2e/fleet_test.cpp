@@ -315,8 +315,8 @@ bool nextPidIs(pid_t pid)
     return last.good();
 }
 
-// The session ends on its sign-out, and a root process takes its pid before stop looks
-// again: stop must see that its session is gone, and signal nothing.
+// A hung (stopped) session ends on stop's SIGTERM, and a root process takes its pid
+// within the grace period: the SIGKILL after it must not reach that process.
 TEST_F(Fleet, StopNeverSignalsAProcessThatTookTheSessionsPid)
 {
     const std::string mac = "02:00:00:00:08:01";
@@ -325,9 +325,12 @@ TEST_F(Fleet, StopNeverSignalsAProcessThatTookTheSessionsPid)
         if (!session.ready())
             return 2;
         const pid_t pid = session.process().pid();
-        Child stop(Spawn{{ctlBinary(), "stop", mac, "--grace", "1"}, {}, "", ""});
-        // The session ends once it has answered the sign-out; its pid is free once reaped.
-        if (session.process().wait(10s) != 0 || !nextPidIs(pid))
+        session.process().signal(SIGSTOP);
+        if (!waitFor([&] { return readFile("/proc/" + std::to_string(pid) + "/stat").find(") T ") != std::string::npos; }))
+            return 2;
+        Child stop(Spawn{{ctlBinary(), "stop", mac, "--grace", "2"}, {}, "", ""});
+        // Reaped the moment it ends, so that its pid is free at once.
+        if (session.process().waitEnd() != 0 || !nextPidIs(pid))
             return 3;
         Child successor(Spawn{{"/bin/sleep", "30"}, {}, "", ""});
         if (successor.pid() != pid)
@@ -336,7 +339,7 @@ TEST_F(Fleet, StopNeverSignalsAProcessThatTookTheSessionsPid)
             return 5;
         return successor.running() ? 0 : 1;
     });
-    EXPECT_EQ(status, 0) << "1: the successor was signalled, 2: no session, 3: it did not end on its sign-out, "
+    EXPECT_EQ(status, 0) << "1: the successor was signalled, 2: no stopped session, 3: it did not end on SIGTERM, "
                             "4: the pid was not reused, 5: stop failed, 90: no pid namespace";
 }
 

@@ -6,6 +6,7 @@
 #include <grp.h>
 #include <linux/capability.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -142,6 +143,16 @@ bool Child::running()
     return wait(0ms) == -1;
 }
 
+int Child::waitEnd()
+{
+    int status = 0;
+    if (!reaped_ && waitpid(pid_, &status, 0) == pid_) {
+        reaped_ = true;
+        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    return status_;
+}
+
 int Child::wait(std::chrono::milliseconds timeout)
 {
     auto done = [this] {
@@ -236,6 +247,12 @@ Stranger::~Stranger()
 
 bool dropCapabilities()
 {
+    // The bounding set first (that takes CAP_SETPCAP): otherwise root gets every
+    // capability back from the next program it runs.
+    int last = std::atoi(readFile("/proc/sys/kernel/cap_last_cap").c_str());
+    for (int cap = 0; cap <= last; ++cap)
+        if (prctl(PR_CAPBSET_DROP, cap, 0, 0, 0) != 0)
+            return false;
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct none[2] = {};
     return syscall(SYS_capset, &header, none) == 0;

@@ -65,6 +65,8 @@ public:
     bool running();
     // Exit status, 128 + signal number after a signal, -1 when still running at timeout.
     int wait(std::chrono::milliseconds timeout = 10s);
+    // The same, blocking until the child ends, which is then reaped at once (no polling).
+    int waitEnd();
     void signal(int signo);
     // Write end of the child's stdin (with stdinPipe); closeStdin() sends EOF.
     void writeStdin(const std::string& text);
@@ -108,8 +110,9 @@ private:
     std::string said_;
 };
 
-// Empties this process's capability sets while it stays uid 0: root as a unit without
-// capabilities runs it. For forked children; false when the kernel refused.
+// Empties this process's capability sets, bounding set included, while it stays uid 0:
+// root as a unit without capabilities runs it, and so do the programs it starts. For
+// forked children; false when the kernel refused.
 bool dropCapabilities();
 
 // A socket on 127.0.0.1 (SOCK_STREAM ones listen); port 0 picks a free one and is set to
