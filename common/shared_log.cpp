@@ -111,7 +111,7 @@ bool SharedLogChannel::renamedAway() const
 
 void SharedLogChannel::rotate()
 {
-    // The lock is the log file's own, and only our user can open that file: nobody else
+    // The lock is the log file's own, which only our user and group can open: nobody else
     // can hold it. Whoever takes it first rotates; the others do not wait but write on,
     // and their next line finds the file renamed and reopens.
     const int held = file_.get();
