@@ -19,8 +19,6 @@ using session_detail::Cause;
 
 namespace {
 
-constexpr time_t kIdleLimit = 600;
-
 [[noreturn]] void endProcess(Session& session, const char* reason)
 {
     Poco::Logger::root().warning(strformat("[Session] %s", reason));
@@ -47,6 +45,7 @@ bool Session::signin(json_t*& out, SigninOption& opt)
     ORVEX_TRACE();
     Lock lock(mutex);
     Published published{*this};
+    signedOut = false;
     stepFailure = Cause::None;
     try {
         signoutFamily();
@@ -79,11 +78,21 @@ Session::Cause Session::attempt(bool (Session::*step)(), const char* familyName)
     return cause;
 }
 
+bool Session::signinUnlessSignedIn(json_t*& out, SigninOption& opt)
+{
+    ORVEX_TRACE();
+    Lock lock(mutex);
+    if (!sid.empty() && !signedOut)
+        return false;
+    return signin(out, opt);
+}
+
 bool Session::signout()
 {
     ORVEX_TRACE();
     Lock lock(mutex);
     Published published{*this};
+    signedOut = true;
     return signoutFamily();
 }
 
@@ -122,11 +131,17 @@ void Session::alive(Poco::Timer&)
 {
     ORVEX_TRACE();
     Lock lock(mutex);
-    if (time(nullptr) - lastAccess.load() > kIdleLimit)
+    const time_t limit = idleLimit.load();
+    if (limit > 0 && time(nullptr) - lastAccess.load() > limit)
         endProcess(*this, "timeout");
     if (!sid.empty() && (_zem_alive() || _nvx_alive()))
         return;
     endProcess(*this, "not signin");
+}
+
+void Session::setIdleLimit(time_t seconds)
+{
+    idleLimit.store(seconds);
 }
 
 // The client side lives apart from the device protocols (bus clients link only that).
