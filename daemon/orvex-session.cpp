@@ -1,12 +1,14 @@
 // orvex-session: the per-device session daemon. One process serves one remote device,
 // named by its MAC address, on the service bus at "@/var/run/orvex/orvex-session@<mac>".
 //
-//   orvex-session -m|--mac MAC [-d|--debug] [-l|--level N]
+//   orvex-session -m|--mac MAC [-d|--debug] [-l|--level N] [--unit]
 //   orvex-session --help | --version
 //
 // Exit status: 0 after an orderly stop (SIGINT/SIGTERM), also for the starter of a
 // detaching run once the MAC is valid, and for --help and --version; 1 for an invalid
-// MAC, a lock held by another instance or any other start-up failure.
+// MAC, a lock held by another instance or any other start-up failure. With --unit (the
+// template unit's instance) also 10 after the signout method and 6 when it has nothing to
+// sign in with (daemon/unit_instance.h).
 #include <fcntl.h>
 #include <getopt.h>
 #include <malloc.h>
@@ -46,6 +48,7 @@
 #include "client/lockfile.h"
 #include "daemon/notify.h"
 #include "daemon/status_keeper.h"
+#include "daemon/unit_instance.h"
 #include "methods/service_session.h"
 #include "service/service.h"
 #include "session/session.h"
@@ -67,17 +70,22 @@ constexpr unsigned kShutdownLimitSeconds = 30;
 constexpr int kBusThreads = 2;
 
 const char* const kUsage =
-    "usage: orvex-session -m|--mac MAC [-d|--debug] [-l|--level N]\n"
+    "usage: orvex-session -m|--mac MAC [-d|--debug] [-l|--level N] [--unit]\n"
     "       orvex-session --help | --version\n"
     "Serves one remote storage device, named by its MAC address (six hex pairs joined by\n"
     "':'), on the service bus at @/var/run/orvex/orvex-session@MAC.\n"
     "  -m, --mac MAC    the device (required)\n"
     "  -d, --debug      stay in the foreground and log to the console\n"
     "  -l, --level N    log level 0 (off) to 8 (trace), default 6\n"
+    "      --unit       run as the instance of the unit orvex-session@MAC (with -d): sign\n"
+    "                   in with the settings of orvexctl enable and the unit's password\n"
+    "                   credential, retrying while the device is down\n"
     "  -h, --help       this text\n"
     "      --version    the version\n"
     "Exit status: 0 after SIGINT/SIGTERM (and for the starter of a detaching run),\n"
-    "1 for an invalid MAC, a lock file held or refused, or another start-up failure.\n";
+    "1 for an invalid MAC, a lock file held or refused, or another start-up failure.\n"
+    "With --unit also 10 after the signout method, and 6 when the instance has no\n"
+    "usable settings and nobody signed it in.\n";
 
 struct Options {
     std::string mac;
@@ -85,6 +93,7 @@ struct Options {
     int32_t level = 6;
     bool help = false;
     bool version = false;
+    bool unit = false;
 };
 
 // Read by onSignal on the bus loop thread; set once before the loop starts.
@@ -129,6 +138,7 @@ Options parseCommandLine(int argc, char** argv)
         {"level", required_argument, nullptr, 'l'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
+        {"unit", no_argument, nullptr, 'U'},
         {nullptr, 0, nullptr, 0},
     };
     Options options;
@@ -143,6 +153,8 @@ Options parseCommandLine(int argc, char** argv)
             options.version = true;
         else if (c == 'd')
             options.debug = true;
+        else if (c == 'U')
+            options.unit = true;
         else if (c == 'l')
             options.level = parseLevel(optarg);
     }
@@ -277,19 +289,25 @@ void connectBus(const std::string& mac)
     }
 }
 
-// The session's tick, then the status file's last-use time.
+// The session's tick (unless the unit instance's own sign-in still tries), then the
+// status file's last-use time.
 class KeepAlive {
 public:
-    KeepAlive(Session& session, StatusKeeper& status) : session_(session), status_(status) {}
+    KeepAlive(Session& session, StatusKeeper& status, UnitInstance* unit)
+        : session_(session), status_(status), unit_(unit)
+    {
+    }
     void tick(Poco::Timer& timer)
     {
-        session_.alive(timer);
+        if (unit_ == nullptr || unit_->tickMayRun())
+            session_.alive(timer);
         status_.refresh();
     }
 
 private:
     Session& session_;
     StatusKeeper& status_;
+    UnitInstance* unit_;
 };
 
 // The observer shares the keeper: a worker still finishing a call after shutdown may
@@ -368,10 +386,12 @@ int run(int argc, char** argv)
     Service::setServiceName(Paths::serviceName(options.mac));
     registerMethods();
     std::unique_ptr<LockFile> lock = takeLock(options);
+    std::unique_ptr<UnitInstance> unit =
+        options.unit ? std::make_unique<UnitInstance>(options.mac, session) : nullptr;
     auto status = std::make_shared<StatusKeeper>(options.mac);
     connectBus(options.mac);
     observeSession(session, status);
-    KeepAlive keepAlive(session, *status);
+    KeepAlive keepAlive(session, *status, unit.get());
     // Calls run on the bus's loop threads: the one serving the bus runs what it reads, and
     // the other takes the bus over only while a call (or tick) lasts; the keep-alive ticks
     // come from the bus's timer and run between the calls. The Poco timer only holds the
@@ -384,7 +404,11 @@ int run(int argc, char** argv)
     service.start();
     // The listening socket exists since connectBus: a caller from now on is served.
     Notify::ready();
+    if (unit)
+        unit->start();
     zs_start_threads(g_bus, kBusThreads);
+    if (unit)
+        unit->stop();
     shutdown(session, *status, lock);
     return 0;
 }

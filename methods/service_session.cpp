@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <atomic>
+
 #include "common/trace.h"
 #include "option/option.h"
 #include "service/misc.h"
@@ -121,6 +123,15 @@ ORVEX_ANSWERING_METHOD(set_device_rsyslog_client_disable, T1, &Session::setRsysl
 
 const char* __signout__ = T0;
 
+namespace {
+std::atomic<int> signoutExitStatus{0};
+}  // namespace
+
+void setSignoutExitStatus(int status)
+{
+    signoutExitStatus.store(status);
+}
+
 void signout(zs_io* io, json_t*& json, int& fd)
 {
     {
@@ -131,7 +142,7 @@ void signout(zs_io* io, json_t*& json, int& fd)
     }
     // The process serves one device session: once it is signed out there is nothing left
     // to serve, so leave at once without the orderly shutdown (no second sign-out).
-    _exit(0);
+    _exit(signoutExitStatus.load());
 }
 
 }  // namespace Orvex

@@ -4,8 +4,11 @@
 
 #include <fcntl.h>
 #include <glob.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -52,6 +55,38 @@ BusReply sessionCall(const std::string& mac, const std::string& method, const st
     int timeoutSeconds)
 {
     return busCall(busAddress(mac), method, body, fd, timeoutSeconds);
+}
+
+NotifySocket::NotifySocket(const std::string& path) : path_(path)
+{
+    fd_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    bound_ = bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+std::string NotifySocket::next(int timeoutMs)
+{
+    pollfd p{fd_.get(), POLLIN, 0};
+    char buffer[4096];
+    if (poll(&p, 1, timeoutMs) != 1)
+        return "";
+    ssize_t n = recv(fd_.get(), buffer, sizeof buffer, 0);
+    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
+}
+
+std::string NotifySocket::nextStartingWith(const std::string& prefix, int timeoutMs)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return "";
+        std::string message = next(static_cast<int>(left.count()));
+        if (message.empty() || message.rfind(prefix, 0) == 0)
+            return message;
+    }
 }
 
 Daemon::Daemon(const std::string& mac, const std::vector<std::string>& extra, const std::string& binary)

@@ -66,6 +66,23 @@ pid_t lockHolder(const std::string& mac);
 // after the last test of every program that links this file.
 void killSessions();
 
+// A stand-in for a service manager's notification socket (NOTIFY_SOCKET=path()).
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& path);
+    bool bound() const { return bound_; }
+    const std::string& path() const { return path_; }
+    // The next datagram, "" after the time-out.
+    std::string next(int timeoutMs = 10000);
+    // The next datagram that starts with prefix, skipping others; "" after the time-out.
+    std::string nextStartingWith(const std::string& prefix, int timeoutMs = 10000);
+
+private:
+    std::string path_;
+    UniqueFd fd_;
+    bool bound_ = false;
+};
+
 // A daemon signed in to a fresh simulator of the given kind; throws when either fails.
 struct SignedIn {
     SignedIn(const std::string& family, bool tls, const std::string& mac = "00:11:22:33:44:55",
