@@ -17,6 +17,9 @@ const char* const kUsage =
     "       orvexctl stop --all [--grace SECONDS]\n"
     "       orvexctl list [--json]\n"
     "       orvexctl status MAC [--json]\n"
+    "       orvexctl enable MAC --ip IP --port PORT --user USER [--pass-env VAR | --pass-stdin]\n"
+    "                [--secure] [--idle SECONDS] [--timeout SECONDS]\n"
+    "       orvexctl disable MAC\n"
     "       orvexctl --help | --version\n"
     "Anywhere: --json=short|pretty (or --pretty) sets how JSON is printed; the default is\n"
     "indented on a terminal, compact otherwise.\n"
@@ -27,13 +30,21 @@ const char* const kUsage =
     "list, status: MAC, pid, state (running, exited, stale binary), uptime and, for a\n"
     "running session, family, device, identity and seconds since last use; read from the\n"
     "status files, so looking does not count as use.\n"
+    "enable (root, under systemd): stores the device's settings in /etc/orvex and its\n"
+    "password as the unit's credential (encrypted by systemd-creds where it can), then\n"
+    "enables and starts orvex-session@MAC, which signs itself in, again after every\n"
+    "restart, and comes back after every end but a signout or a stop. --idle ends an\n"
+    "unused session after SECONDS (default 600, 0: never; it then comes back); enable\n"
+    "waits up to --timeout SECONDS (default 15, 0: not at all) for the first sign-in.\n"
+    "disable: stops the instance (it signs out), disables it and removes its files.\n"
     "Exit status:\n"
     "  0  done (list, status: every session listed runs)\n"
     "  1  the session answered with an error, a stop left survivors, or another failure\n"
     "  2  bad command line\n"
     "  3  no session process answers for the MAC (list, status: a session does not run)\n"
-    "  4  start: the device is unreachable (refused, no route, time-out, TLS mismatch)\n"
-    "  5  start: the device rejected the credentials\n";
+    "  4  start, enable: the device is unreachable (refused, no route, time-out, TLS\n"
+    "     mismatch)\n"
+    "  5  start, enable: the device rejected the credentials\n";
 
 namespace {
 
@@ -82,7 +93,14 @@ void applyStartOption(Command& command, const Args& args, size_t& i)
 {
     Word word(args[i]);
     auto take = [&]() { return word.hasValue ? word.value : requireValue(args, i, word.name); };
-    if (word.name == "--ip")
+    const bool enable = command.action == Action::Enable;
+    if (enable && word.name == "--idle")
+        command.idleSeconds = parseNumber(take(), 0, 365 * 24 * 3600, "idle");
+    else if (enable && word.name == "--timeout")
+        command.timeoutSeconds = parseNumber(take(), 0, 3600, "timeout");
+    else if (enable && word.name == "--level")
+        throw UsageError("unknown option '" + args[i] + "' for enable");
+    else if (word.name == "--ip")
         command.ip = take();
     else if (word.name == "--port")
         command.port = parseNumber(take(), 1, 65535, "port");
@@ -100,24 +118,36 @@ void applyStartOption(Command& command, const Args& args, size_t& i)
     else if (word.name == "--level")
         command.level = parseNumber(take(), 0, 8, "level");
     else
-        throw UsageError("unknown option '" + args[i] + "' for start");
+        throw UsageError("unknown option '" + args[i] + "' for " + args[0]);
 }
 
-Command parseStart(const Args& args)
+// start and enable: a device, where it is and who signs in.
+Command parseStart(const Args& args, Action action)
 {
+    const std::string& verb = args[0];
     if (args.size() < 2)
-        throw UsageError("start needs a MAC address");
+        throw UsageError(verb + " needs a MAC address");
     Command command;
-    command.action = Action::Start;
+    command.action = action;
     command.mac = normaliseMac(args[1]);
     for (size_t i = 2; i < args.size(); ++i)
         applyStartOption(command, args, i);
     if (command.ip.empty())
-        throw UsageError("start needs --ip");
+        throw UsageError(verb + " needs --ip");
     if (command.port == 0)
-        throw UsageError("start needs --port");
+        throw UsageError(verb + " needs --port");
     if (command.user.empty())
-        throw UsageError("start needs --user");
+        throw UsageError(verb + " needs --user");
+    return command;
+}
+
+Command parseDisable(const Args& args)
+{
+    if (args.size() != 2)
+        throw UsageError("disable needs one MAC address");
+    Command command;
+    command.action = Action::Disable;
+    command.mac = normaliseMac(args[1]);
     return command;
 }
 
@@ -207,7 +237,11 @@ Command parseAction(const Args& args)
         return command;
     }
     if (verb == "start")
-        return parseStart(args);
+        return parseStart(args, Action::Start);
+    if (verb == "enable")
+        return parseStart(args, Action::Enable);
+    if (verb == "disable")
+        return parseDisable(args);
     if (verb == "call")
         return parseCall(args);
     if (verb == "stop")

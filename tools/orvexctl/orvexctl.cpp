@@ -30,6 +30,7 @@
 #include "client/fleet.h"
 #include "option/option.h"
 #include "tools/orvexctl/command_line.h"
+#include "tools/orvexctl/systemd_unit.h"
 #include "zservice/channel.h"
 
 namespace Orvex {
@@ -106,7 +107,8 @@ std::string password(const Command& command)
     else if (std::getenv("ORVEX_PASS"))
         pass = environmentPassword("ORVEX_PASS");
     else
-        throw UsageError("start needs --pass-env VAR or --pass-stdin (or ORVEX_PASS)");
+        throw UsageError(std::string(command.action == Action::Enable ? "enable" : "start") +
+                         " needs --pass-env VAR or --pass-stdin (or ORVEX_PASS)");
     unsetenv("ORVEX_PASS");
     return pass;
 }
@@ -167,6 +169,38 @@ int runStart(const Command& command)
     JsonRef reply = withReply(json_object(), [&](json_t*& out) { Control::start(out, option, launch); });
     int code = report(reply.get(), command.mac, "signin");
     return code == kExitDone ? code : signinFailure(command.mac);
+}
+
+// The instance keeps trying after a failed first sign-in; the exit code says why it failed.
+int runEnable(const Command& command)
+{
+    DeviceConfig config{command.mac, command.ip, command.port, command.user, command.secure, command.idleSeconds};
+    Stored stored = enableInstance(config, password(command));
+    std::printf("%s enabled as %s (password %s)\n", command.mac.c_str(), Paths::unitName(command.mac).c_str(),
+        stored == Stored::Encrypted ? "encrypted by systemd-creds" : "in a root-only file");
+    StatusRecord record;
+    if (command.timeoutSeconds == 0)
+        return kExitDone;
+    if (!waitForSignin(command.mac, std::chrono::seconds(command.timeoutSeconds), record)) {
+        std::fprintf(stderr, "orvexctl: %s: no sign-in within %d s (orvexctl status %s)\n", command.mac.c_str(),
+            command.timeoutSeconds, command.mac.c_str());
+        return kExitErrorReply;
+    }
+    if (record.signedIn) {
+        std::printf("%s signed in to %s device %s:%u (pid %d)\n", command.mac.c_str(), familyName(record.family),
+            record.host.c_str(), record.port, static_cast<int>(record.pid));
+        return kExitDone;
+    }
+    int code = signinFailure(command.mac);
+    std::fprintf(stderr, "orvexctl: %s keeps trying to sign in\n", Paths::unitName(command.mac).c_str());
+    return code;
+}
+
+int runDisable(const Command& command)
+{
+    disableInstance(command.mac);
+    std::printf("%s disabled, stopped, its settings and password removed\n", command.mac.c_str());
+    return kExitDone;
 }
 
 int runCall(const Command& command)
@@ -300,6 +334,10 @@ int runCommand(const Command& command)
         return printSessions(listSessions(), command.jsonOutput, true);
     case Action::Status:
         return runStatus(command);
+    case Action::Enable:
+        return runEnable(command);
+    case Action::Disable:
+        return runDisable(command);
     case Action::Version:
         std::printf("orvexctl %s\n", version());
         return kExitDone;
