@@ -4,8 +4,8 @@
 # out/packages (scripts/package.sh makes them) and checks what an operator relies on:
 # READY before "Started", `orvexctl enable` signing the instance in, the instance coming
 # back signed in after SIGKILL and after its device was killed and restarted, an instance
-# without settings failing once without a restart loop, the sign-out STATUS of both
-# families, a signout that stays down, `disable` leaving no file, prerm and purge.
+# without settings failing once without a restart loop, an upgrade, the sign-out STATUS of
+# both families, a signout that stays down, `disable` leaving no file, prerm and purge.
 #
 #   scripts/systemd-test.sh
 #
@@ -228,6 +228,16 @@ comes_back_after_device_restart() {
   echo "  pid $pid -> $(main_pid "$mac") $((SECONDS - begin)) s after the device was killed"
 }
 
+# Installing the package again runs the upgrade's prerm (stop) and postinst (start the
+# enabled instances).
+upgrade_brings_it_back() {
+  local mac=$mac_legacy pid
+  pid=$(main_pid "$mac")
+  in_ct dpkg -i /debs/orvex-session.deb >"$work/upgrade.out" 2>&1 || { sed 's/^/  /' "$work/upgrade.out"; return 1; }
+  wait_until 15 signed_in_with_new_pid "$mac" "$pid" "legacy device 127.0.0.1:$legacy_port" ||
+    { echo "  pid $(main_pid "$mac") (was $pid), STATUS '$(status_text "$mac")'"; return 1; }
+}
+
 # systemctl stop with systemd's debug log on: the notifications are in the journal, and
 # the STATUS after STOPPING=1 is the sign-out's.
 signout_status_on_stop() {
@@ -313,6 +323,7 @@ run_checks() {
   check "the password is kept in root-only files only" password_kept_apart
   check "SIGKILL: signed in again with a new pid within 15 s" comes_back_after_sigkill
   check "device killed and restarted on its port: signed in again within 90 s" comes_back_after_device_restart
+  check "upgrade: the enabled instance is stopped and comes back signed in" upgrade_brings_it_back
   check "legacy: STATUS after STOPPING=1 says signed out" signout_status_on_stop "$mac_legacy"
   check "token: STATUS after STOPPING=1 says signed out" signout_status_on_stop "$mac_token"
   check "signout (orvexctl stop): stays down, not failed" signout_stays_down
