@@ -17,12 +17,6 @@ namespace {
 
 const std::string kMac = "02:00:00:00:25:40";
 
-unsigned modeOf(const std::string& path)
-{
-    struct stat st{};
-    return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
-
 class Enable : public ::testing::Test {
 protected:
     void SetUp() override

@@ -22,12 +22,6 @@ namespace {
 const std::string kMac = "00:11:22:33:44:55";
 constexpr uid_t kNobody = 65534;
 
-unsigned modeOf(const std::string& path)
-{
-    struct stat st{};
-    return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
-
 // A process of uid nobody that holds a shared flock on path until killed.
 pid_t holdLockAsNobody(const std::string& path)
 {

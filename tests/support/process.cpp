@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <signal.h>
@@ -51,6 +52,12 @@ bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeou
         std::this_thread::sleep_for(5ms);
     }
     return true;
+}
+
+unsigned modeOf(const std::string& path)
+{
+    struct stat st{};
+    return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
 std::string readFile(const std::string& path)

@@ -38,6 +38,8 @@ private:
 // Re-checks cond every few milliseconds until it holds or the time is up.
 bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout = 10s);
 std::string readFile(const std::string& path);
+// Permission bits of path itself (a link is not followed), 0 when there is nothing.
+unsigned modeOf(const std::string& path);
 // A null reference when the text does not parse.
 JsonRef parseJson(const std::string& text);
 // Compact text of a value, keys sorted (for comparisons and messages).

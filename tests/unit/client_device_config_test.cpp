@@ -18,12 +18,6 @@ namespace {
 
 const std::string kMac = "02:00:00:00:25:10";
 
-unsigned modeOf(const std::string& path)
-{
-    struct stat st{};
-    return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
-
 void writeRaw(const std::string& path, const std::string& text, mode_t mode = 0600)
 {
     std::ofstream(path, std::ios::trunc) << text;
