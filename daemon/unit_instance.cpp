@@ -81,7 +81,9 @@ void UnitInstance::stop()
 
 bool UnitInstance::tickMayRun()
 {
-    if (retrying_)
+    // A caller who signed in meanwhile ends the retries at the next wake-up; the tick
+    // keeps that session alive from now on.
+    if (retrying_ && !session_.status().signedIn)
         return false;
     if (configured_ || session_.status().signedIn)
         return true;
