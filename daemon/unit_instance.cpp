@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <optional>
+#include <thread>
 
 #include <Poco/Logger.h>
 
@@ -62,21 +63,21 @@ UnitInstance::~UnitInstance()
 
 void UnitInstance::start()
 {
-    if (!configured_ || thread_.joinable())
+    if (!configured_ || retries_)
         return;
     retrying_ = true;
-    thread_ = std::thread([this] { run(); });
+    retries_ = std::make_shared<Retries>();
+    std::thread([this, retries = retries_] { run(*retries); }).detach();
 }
 
 void UnitInstance::stop()
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-    }
-    wake_.notify_all();
-    if (thread_.joinable())
-        thread_.join();
+    if (!retries_)
+        return;
+    std::unique_lock<std::mutex> lock(retries_->mutex);
+    retries_->stopping = true;
+    retries_->wake.notify_all();
+    retries_->wake.wait(lock, [this] { return retries_->finished; });
 }
 
 bool UnitInstance::tickMayRun()
@@ -92,22 +93,24 @@ bool UnitInstance::tickMayRun()
     _exit(UnitExit::kNotConfigured);
 }
 
-void UnitInstance::run()
+void UnitInstance::run(Retries& retries)
 {
     std::chrono::seconds pause = kFirstPause;
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (!stopping_) {
+    std::unique_lock<std::mutex> lock(retries.mutex);
+    while (!retries.stopping) {
         lock.unlock();
         bool done = attempt();
         lock.lock();
         if (done)
             break;
         reportFailure(pause);
-        if (wake_.wait_for(lock, pause, [this] { return stopping_; }))
+        if (retries.wake.wait_for(lock, pause, [&retries] { return retries.stopping; }))
             break;
         pause = std::min(pause * 2, kLongestPause);
     }
     retrying_ = false;
+    retries.finished = true;
+    retries.wake.notify_all();
 }
 
 // True once the session is held, by this sign-in or a caller's.

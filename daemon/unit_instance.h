@@ -13,9 +13,9 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include "client/device_config.h"
 #include "common/raii.h"
@@ -43,7 +43,7 @@ public:
     // the sign-out status. Settings that exist but cannot be used (or no credential for
     // them) end the process with kNotConfigured, the reason in the log and the STATUS.
     UnitInstance(const std::string& mac, Session& session);
-    // Stops the sign-in thread (waits for an attempt under way).
+    // Stops the sign-in (waits for an attempt under way).
     ~UnitInstance();
     UnitInstance(const UnitInstance&) = delete;
     UnitInstance& operator=(const UnitInstance&) = delete;
@@ -59,7 +59,17 @@ public:
     bool tickMayRun();
 
 private:
-    void run();
+    // Shared with the sign-in thread, which is detached: the process may end at any moment
+    // (_exit after a signout or a session error), and a thread left to join there would be
+    // a leak. The thread touches nothing else once it has set finished.
+    struct Retries {
+        std::mutex mutex;
+        std::condition_variable wake;
+        bool stopping = false;
+        bool finished = false;
+    };
+
+    void run(Retries& retries);
     bool attempt();
     void reportFailure(std::chrono::seconds pause);
 
@@ -69,11 +79,8 @@ private:
     DeviceConfig config_;
     JsonRef signinArgs_;
 
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    bool stopping_ = false;
+    std::shared_ptr<Retries> retries_;
     std::atomic<bool> retrying_{false};
-    std::thread thread_;
 };
 
 }  // namespace Orvex
