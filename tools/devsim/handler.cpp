@@ -127,8 +127,8 @@ public:
         device_.log.write(request, body);
         Exchange exchange = parseExchange(request, body);
         const Faults& faults = device_.config.faults;
-        if (faults.delayMs > 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(faults.delayMs));
+        if (const int delayMs = answerDelayMs(faults, exchange.path))
+            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
         if (hasPrefix(faults.hangup, exchange.path))
             return hangUp(request);
         if (hasPrefix(faults.garbage, exchange.path))
