@@ -205,6 +205,18 @@ TEST_F(Fleet, StopAllEndsHungAndUpgradedSessionsWithoutLsofInSbin)
     EXPECT_EQ(lines(ctl({"list"}).out).size(), 2u);
 }
 
+TEST_F(Fleet, StopKillsASessionThatOutlivesSigtermAndTheGrace)
+{
+    // The device holds the sign-out that SIGTERM's shutdown makes: the process lives on
+    // for the exchange's whole deadline unless it is killed.
+    SignedIn held("token", false, "02:00:00:00:03:03", {"--delay-path", "/zem/oauth/logout:20000"});
+    const pid_t pid = held.daemon.process().pid();
+    RunResult stopped = ctl({"stop", "--all", "--grace", "1"});
+    EXPECT_EQ(stopped.status, 0) << stopped.out << stopped.err;
+    EXPECT_EQ(stopped.out, "02:00:00:00:03:03 pid " + std::to_string(pid) + " ended (SIGKILL)\n") << stopped.err;
+    EXPECT_EQ(held.daemon.process().wait(2s), 128 + SIGKILL);
+}
+
 TEST_F(Fleet, StartKeepsThePasswordOutOfTheProcessListAndTheDaemon)
 {
     RunResult literal = ctl({"start", "02:00:00:00:05:01", "--ip", "h", "--port", "1", "--user", "u", "--pass", "p"});
