@@ -147,7 +147,7 @@ void onEnding(Ending::Why why, const std::string& detail)
     case Ending::Why::Idle:
         return recordEnd("ended", false, "timeout (idle over 600 s)");
     case Ending::Why::DeadSession:
-        return recordEnd("ended", true, "not signin (the device no longer accepts the session)");
+        return recordEnd("ended", true, "not signin (no live session with the device)");
     case Ending::Why::SessionError:
         return recordEnd("ended", true, withSigninCause(detail));
     }

@@ -127,6 +127,16 @@ TEST_F(FrontEnd, LogsShowOneDevicesLinesFollowThemAndUseTheJournalForAUnit)
                                  std::to_string(device.port()) + " (http)";
     EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [&](const std::string& l) { return contains(l, signedIn); }))
         << all.out;
+    // The README's example line has the shape of the lines written (digits aside).
+    auto shape = [](std::string line) {
+        std::replace_if(line.begin(), line.end(), [](char ch) { return ch >= '0' && ch <= '9'; }, '9');
+        return line.substr(0, line.find("] [") + 3);
+    };
+    const std::string readme = readFile(std::string(ORVEX_SOURCE_DIR) + "/README.md");
+    const size_t example = readme.find(" [Information] [00:11:22:33:44:55 4242] [Session] ...`");
+    ASSERT_NE(example, std::string::npos);
+    const size_t tick = readme.rfind('`', example);
+    EXPECT_EQ(shape(readme.substr(tick + 1, example - tick + 40)), shape(shown.front()));
     // The legacy probe that found the family is no warning: the token family signed in.
     EXPECT_FALSE(contains(all.out, "[Warning]")) << all.out;
     EXPECT_EQ(lines(ctl({"logs", mine, "-n", "2"}).out).size(), 2u);

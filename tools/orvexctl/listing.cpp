@@ -79,7 +79,9 @@ std::string deviceText(const StatusRecord& r)
 {
     if (r.host.empty())
         return "";
-    return strformat(" %s %s:%u%s", familyName(r.family), shown(r.host).c_str(), r.port, r.secure ? " https" : "");
+    // The family is known once a sign-in got that far.
+    std::string family = r.family != 0 ? std::string(" ") + familyName(r.family) : "";
+    return strformat("%s %s:%u%s", family.c_str(), shown(r.host).c_str(), r.port, r.secure ? " https" : "");
 }
 
 std::string reasonOf(const SessionInfo& s)
@@ -101,7 +103,7 @@ JsonRef sessionJson(const SessionInfo& s, time_t now)
     json_object_update(o.get(), JsonRef::adopt(json_pack("{ss ss si sb ss ss ss ss sb ss sI}", "family",
         familyName(r.family), "host", r.host.c_str(), "port", static_cast<int>(r.port), "secure", r.secure, "model",
         r.model.c_str(), "serial", r.serial.c_str(), "firmware", r.firmware.c_str(), "hostname", r.hostname.c_str(),
-        "signed_in", r.signedIn, "failure", r.failure.c_str(), "idle",
+        "signed_in", r.signedIn && s.running(), "failure", r.failure.c_str(), "idle",
         static_cast<json_int_t>(r.lastUse > 0 && s.running() ? now - r.lastUse : -1))).get());
     return o;
 }
