@@ -86,7 +86,7 @@ TEST_F(FrontEnd, TimeOutsBoundStartAndCallAndJsonIsTakenAnywhere)
     EXPECT_EQ(late.status, 3);
     EXPECT_EQ(late.err, "orvexctl: the session for MAC 02:00:00:00:11:01 did not answer the sign-in within 1 s\n");
     // It is still signing in, slowly: out of the way.
-    kill(lockHolder("02:00:00:00:11:01"), SIGKILL);
+    EXPECT_TRUE(signalSession("02:00:00:00:11:01", SIGKILL));
 
     Devsim device("token", false);
     const std::string mac = "02:00:00:00:11:02";
@@ -94,7 +94,7 @@ TEST_F(FrontEnd, TimeOutsBoundStartAndCallAndJsonIsTakenAnywhere)
     RunResult info = ctl({"call", mac, "get_device_system_info", "--json"});
     EXPECT_EQ(info.status, 0) << info.err;
     EXPECT_EQ(text(parseJson(info.out).get(), "model"), "ZEM-880");
-    kill(lockHolder(mac), SIGSTOP);
+    ASSERT_TRUE(signalSession(mac, SIGSTOP));
     begin = Clock::now();
     RunResult hung = ctl({"call", "--timeout", "1", mac, "get_device_system_info"});
     EXPECT_LT(Clock::now() - begin, 3s) << "a suspended session must not hold the caller 30 s";
@@ -145,8 +145,8 @@ TEST_F(FrontEnd, LogsShowOneDevicesLinesFollowThemAndUseTheJournalForAUnit)
     Child follow(Spawn{{ctlBinary(), "logs", mine, "-n", "1", "-f"}, {}, dir.file("out"), dir.file("err"), false});
     // Its last line printed: from now on it follows.
     ASSERT_TRUE(waitFor([&] { return readFile(dir.file("out")) == shown.back() + "\n"; })) << readFile(dir.file("out"));
-    kill(lockHolder(other), SIGTERM);
-    kill(lockHolder(mine), SIGTERM);
+    ASSERT_TRUE(signalSession(other, SIGTERM));
+    ASSERT_TRUE(signalSession(mine, SIGTERM));
     const std::string ends = "[" + mine + " " + pid + "] [Session] process " + pid + " ends, stopped: SIGTERM\n";
     EXPECT_TRUE(waitFor([&] { return contains(readFile(dir.file("out")), ends); })) << readFile(dir.file("out"));
     std::string followed = readFile(dir.file("out"));

@@ -39,9 +39,7 @@ std::map<std::string, JsonRef> listedByMac(const std::vector<std::string>& extra
 // The session process of mac, signalled and waited for.
 void endBySignal(const std::string& mac, int signo)
 {
-    pid_t pid = lockHolder(mac);
-    ASSERT_GT(pid, 0) << mac;
-    kill(pid, signo);
+    ASSERT_TRUE(signalSession(mac, signo)) << mac;
     ASSERT_TRUE(waitFor([&] { return lockHolder(mac) == 0; })) << mac;
 }
 

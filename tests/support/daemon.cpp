@@ -83,6 +83,12 @@ pid_t lockHolder(const std::string& mac)
     return static_cast<pid_t>(std::atol(readFile(lockPath(mac)).c_str()));
 }
 
+bool signalSession(const std::string& mac, int signo)
+{
+    pid_t pid = lockHolder(mac);
+    return pid > 0 && kill(pid, signo) == 0;
+}
+
 void killSessions()
 {
     if (!isolated())

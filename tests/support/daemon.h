@@ -62,6 +62,9 @@ private:
 bool answers(const std::string& mac);
 // Pid in the device's lock file while a process holds the lock, else 0.
 pid_t lockHolder(const std::string& mac);
+// Sends signo to the process holding the MAC's lock; false (and nothing sent) when none
+// does: a pid of 0 would signal the whole process group, the test runner included.
+bool signalSession(const std::string& mac, int signo);
 // Kills every session process of this namespace (found through the lock files). Also runs
 // after the last test of every program that links this file.
 void killSessions();
