@@ -239,6 +239,7 @@ void call(json_t*& inout, const DeviceOption& opt, const std::string& method)
 
 void call(json_t*& inout, const DeviceOption& opt, const std::string& method, int timeoutSeconds)
 {
+    ORVEX_TRACE();
     if (opt.mac.empty())
         throw SessionNotFound(opt.mac, 0);
     ZsIoPtr buffer = makeZsIo();

@@ -83,7 +83,7 @@ Outcome signinFailure(const std::string& mac, const std::string& replyMessage, J
     return failed(code, message, std::move(reply));
 }
 
-std::string deviceText(const SessionInfo& info)
+std::string deviceOf(const SessionInfo& info)
 {
     if (!info.hasStatus || info.status.host.empty())
         return "";
@@ -99,7 +99,7 @@ Outcome makeRoom(const StartRequest& request)
         return Outcome{};
     if (!request.replace)
         return failed(kExitRunning, strformat("a session already runs for MAC %s (pid %d%s); stop it first or give "
-                                              "--replace", mac.c_str(), static_cast<int>(info.pid), deviceText(info).c_str()));
+                                              "--replace", mac.c_str(), static_cast<int>(info.pid), deviceOf(info).c_str()));
     Control::StopReport stopped = Control::stopOne(mac, Control::kDefaultGrace);
     if (!stopped.survivors.empty())
         return failed(kExitFailure, strformat("the session for MAC %s (pid %d) did not stop; nothing started", mac.c_str(),

@@ -291,5 +291,7 @@ std::string password(const Command& command)
 
 int main(int argc, char** argv)
 {
+    // jansson's hash seed, once, before start --from and call --all make JSON on many threads.
+    json_object_seed(0);
     return Orvex::ctl::runMain(argc, argv);
 }
