@@ -1,5 +1,6 @@
 #include "service/worker.h"
 
+#include "common/ending.h"
 #include "common/exceptions.h"
 #include "common/misc.h"
 #include "common/trace.h"
@@ -123,6 +124,7 @@ void AbstractWorker::invoke(Function function, json_t* args, const char* method,
             // A broken device session ends the daemon at once, without an orderly stop.
             zs_reply_json(io, fd, nullptr, e.code(), e.message().c_str());
             ORVEX_TRACE_POINT(":leave");
+            Ending::aboutToEnd(Ending::Why::SessionError, std::string(method ? method : "") + ": " + e.message());
             ::_exit(0);
         } catch (MySQL::Exception& e) {
             ORVEX_WORKER_LOG(Poco::Message::PRIO_FATAL, "[AbstractWorker] (%d) %s", e.code(), e.message().c_str());

@@ -2,6 +2,7 @@
 // client-side operations on per-device processes.
 #include "session/session.h"
 
+#include "common/ending.h"
 #include "common/misc.h"
 #include "common/trace.h"
 #include "client/control.h"
@@ -21,7 +22,7 @@ namespace {
 
 constexpr time_t kIdleLimit = 600;
 
-[[noreturn]] void endProcess(Session& session, const char* reason)
+[[noreturn]] void endProcess(Session& session, const char* reason, Ending::Why why)
 {
     Poco::Logger::root().warning(strformat("[Session] %s", reason));
     try {
@@ -31,6 +32,7 @@ constexpr time_t kIdleLimit = 600;
         // linger with a dead session and retry on every tick.
         Poco::Logger::root().warning(strformat("[Session] signout: %s", e.displayText().c_str()));
     }
+    Ending::aboutToEnd(why);
     _exit(1);
 }
 
@@ -59,24 +61,42 @@ bool Session::signin(json_t*& out, SigninOption& opt)
     secure = opt.secure;
     user = opt.user;
     password = opt.pass;
-    Cause legacy = attempt(&Session::_nvx_signin, "legacy");
-    Cause token = legacy == Cause::None ? Cause::None : attempt(&Session::_zem_signin, "token");
+    Cause legacy = attempt(&Session::_nvx_signin);
+    Cause token = legacy == Cause::None ? Cause::None : attempt(&Session::_zem_signin);
     signinFailure = std::min(legacy, token) == Cause::None ? Cause::None : std::max(legacy, token);
+    logSignin(legacy, token);
     if (signinFailure != Cause::None)
         throw SessionException("signin fail", 403);
     getSystemInfo(out);
     return true;
 }
 
-Session::Cause Session::attempt(bool (Session::*step)(), const char* familyName)
+Session::Cause Session::attempt(bool (Session::*step)())
 {
     stepFailure = Cause::None;
     if ((this->*step)())
         return Cause::None;
-    Cause cause = stepFailure == Cause::None ? Cause::BadAnswer : stepFailure;
-    Poco::Logger::root().warning(strformat("[Session] %s sign-in at %s:%u failed: %s", familyName, host.c_str(),
-                                           port, session_detail::causeText(cause)));
-    return cause;
+    return stepFailure == Cause::None ? Cause::BadAnswer : stepFailure;
+}
+
+// Each family that failed is a warning when the sign-in fails. A legacy attempt that fails
+// before the token family signs in is how the family is found, not a fault.
+void Session::logSignin(Cause legacy, Cause token)
+{
+    Poco::Logger& log = Poco::Logger::root();
+    auto failed = [this](const char* familyName, Cause cause) {
+        return strformat("[Session] %s sign-in at %s:%u failed: %s", familyName, host.c_str(), port,
+                         session_detail::causeText(cause));
+    };
+    if (legacy != Cause::None && token == Cause::None)
+        log.debug(failed("legacy", legacy));
+    else if (legacy != Cause::None)
+        log.warning(failed("legacy", legacy));
+    if (token != Cause::None)
+        log.warning(failed("token", token));
+    else
+        log.information(strformat("[Session] signed in to %s device %s:%u (%s)", legacy == Cause::None ? "legacy" : "token",
+                                  host.c_str(), port, secure ? "https" : "http"));
 }
 
 bool Session::signout()
@@ -123,10 +143,10 @@ void Session::alive(Poco::Timer&)
     ORVEX_TRACE();
     Lock lock(mutex);
     if (time(nullptr) - lastAccess.load() > kIdleLimit)
-        endProcess(*this, "timeout");
+        endProcess(*this, "timeout", Ending::Why::Idle);
     if (!sid.empty() && (_zem_alive() || _nvx_alive()))
         return;
-    endProcess(*this, "not signin");
+    endProcess(*this, "not signin", Ending::Why::DeadSession);
 }
 
 // The client side lives apart from the device protocols (bus clients link only that).
