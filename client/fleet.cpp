@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -50,18 +51,31 @@ const LockName& lockName()
     return name;
 }
 
-// State letter of /proc/PID/stat ('R', 'S', 'T', 'Z', ...), '\0' when gone.
-char processState(pid_t pid)
+// The head of /proc/PID/stat: "PID (NAME) STATE ..."; "" when gone.
+std::string statOf(pid_t pid)
 {
     char path[64], buffer[512];
     std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
     UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
     ssize_t n = fd ? ::read(fd.get(), buffer, sizeof buffer - 1) : -1;
-    if (n <= 0)
-        return '\0';
-    buffer[n] = '\0';
-    const char* close = std::strrchr(buffer, ')');
-    return close && close[1] == ' ' ? close[2] : '\0';
+    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
+}
+
+// State letter of /proc/PID/stat ('R', 'S', 'T', 'Z', ...), '\0' when gone.
+char processState(pid_t pid)
+{
+    std::string stat = statOf(pid);
+    size_t close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() && stat[close + 1] == ' ' ? stat[close + 2] : '\0';
+}
+
+// The process's name (its program file's, cut to 15 characters), readable for anyone's.
+std::string processName(pid_t pid)
+{
+    std::string stat = statOf(pid);
+    size_t open = stat.find('('), close = stat.rfind(')');
+    return open != std::string::npos && close != std::string::npos && close > open ? stat.substr(open + 1, close - open - 1)
+                                                                                    : "";
 }
 
 std::string exeOf(pid_t pid)
@@ -69,14 +83,6 @@ std::string exeOf(pid_t pid)
     char target[4096];
     ssize_t n = ::readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), target, sizeof target - 1);
     return n > 0 ? std::string(target, static_cast<size_t>(n)) : "";
-}
-
-pid_t pidInFile(int fd)
-{
-    char text[33] = {0};
-    if (::pread(fd, text, 32, 0) <= 0)
-        return 0;
-    return static_cast<pid_t>(std::atoi(text));
 }
 
 bool binaryReplaced(pid_t pid, const StatusRecord& status)
@@ -89,6 +95,31 @@ bool binaryReplaced(pid_t pid, const StatusRecord& status)
     return st.st_ino != status.binaryInode || st.st_mtime != status.binaryMtime;
 }
 
+time_t modified(const std::string& path)
+{
+    struct stat st{};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_mtime : 0;
+}
+
+// How a session that no longer runs ended, from the last record of its status file.
+void describeEnd(SessionInfo& info)
+{
+    const StatusRecord& r = info.status;
+    info.pid = r.pid;
+    info.abnormal = r.end.empty() || r.abnormal;
+    info.reason = r.reason;
+    info.ended = r.ended;
+    if (r.end == "stopped")
+        info.state = SessionState::Stopped;
+    else if (r.end == "ended")
+        info.state = SessionState::Ended;
+    else
+        info.state = SessionState::Crashed;
+    // Gone without a word: the file was last written at its last sign of life.
+    if (r.end.empty())
+        info.ended = modified(Paths::statusPath(info.mac));
+}
+
 bool inspect(const std::string& mac, const LockHolders& holders, time_t now, SessionInfo& info)
 {
     UniqueFd fd(::open(Paths::lockPath(mac).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -98,16 +129,23 @@ bool inspect(const std::string& mac, const LockHolders& holders, time_t now, Ses
     info = SessionInfo{};
     info.mac = mac;
     auto holder = holders.find({st.st_dev, st.st_ino});
-    info.pid = holder != holders.end() ? holder->second : pidInFile(fd.get());
     StatusRecord status;
-    info.hasStatus = readStatus(mac, status) && status.pid == info.pid;
+    bool recorded = readStatus(mac, status);
+    // A lock held by anything but a session process (or by nobody) means no session runs.
+    if (holder == holders.end() || processGone(holder->second) || !isSessionProcess(holder->second)) {
+        if (!recorded)
+            return false;
+        info.hasStatus = true;
+        info.status = status;
+        describeEnd(info);
+        return true;
+    }
+    info.pid = holder->second;
+    info.hasStatus = recorded && status.pid == info.pid;
     if (info.hasStatus)
         info.status = status;
-    // A lock held by anything but a session process (or by nobody) means no session runs.
-    if (holder == holders.end() || processGone(info.pid) || !isSessionProcess(info.pid))
-        return true;
     info.state = info.hasStatus && binaryReplaced(info.pid, status) ? SessionState::StaleBinary : SessionState::Running;
-    info.stopped = processState(info.pid) == 'T';
+    info.suspended = processState(info.pid) == 'T';
     if (info.hasStatus && status.started > 0)
         info.uptime = static_cast<long>(now - status.started);
     return true;
@@ -122,10 +160,14 @@ const char* stateName(SessionState state)
         return "running";
     case SessionState::StaleBinary:
         return "stale binary";
-    case SessionState::Exited:
+    case SessionState::Stopped:
+        return "stopped";
+    case SessionState::Ended:
+        return "ended";
+    case SessionState::Crashed:
         break;
     }
-    return "exited";
+    return "crashed";
 }
 
 bool processGone(pid_t pid)
@@ -137,6 +179,10 @@ bool processGone(pid_t pid)
 bool isSessionProcess(pid_t pid)
 {
     std::string exe = exeOf(pid);
+    // Another user's process shows its program file only to those who may trace it: its
+    // name then tells.
+    if (exe.empty())
+        return errno == EACCES && processName(pid) == Paths::kServicePrefix;
     const std::string deleted = " (deleted)";
     if (exe.size() > deleted.size() && exe.compare(exe.size() - deleted.size(), deleted.size(), deleted) == 0)
         exe.erase(exe.size() - deleted.size());
@@ -165,6 +211,30 @@ std::vector<SessionInfo> listSessions()
 bool findSession(const std::string& mac, SessionInfo& info)
 {
     return inspect(mac, flockHolders(), ::time(nullptr), info);
+}
+
+Forget forgetSession(const std::string& mac)
+{
+    SessionInfo info;
+    if (!findSession(mac, info))
+        return Forget::Unknown;
+    if (info.running())
+        return Forget::Running;
+    removeStatus(mac);
+    return Forget::Forgotten;
+}
+
+void recordKilled(const std::string& mac, pid_t pid, const std::string& reason)
+{
+    StatusRecord record;
+    if (!readStatus(mac, record) || record.pid != pid || !record.end.empty())
+        return;
+    record.signedIn = false;
+    record.end = "stopped";
+    record.abnormal = false;
+    record.reason = reason;
+    record.ended = ::time(nullptr);
+    writeStatus(record);
 }
 
 }  // namespace Orvex

@@ -8,6 +8,7 @@
 
 #include <Poco/Logger.h>
 
+#include "common/ending.h"
 #include "common/exceptions.h"
 #include "common/misc.h"
 #include "common/paths.h"
@@ -29,6 +30,7 @@ void sayWhy(const std::string& reason)
 [[noreturn]] void endNotConfigured(const std::string& reason)
 {
     sayWhy(reason);
+    Ending::aboutToEnd(Ending::Why::NotConfigured, reason);
     std::exit(UnitExit::kNotConfigured);
 }
 
@@ -88,8 +90,10 @@ bool UnitInstance::tickMayRun()
         return false;
     if (configured_ || session_.status().signedIn)
         return true;
-    sayWhy("not signed in, and no settings in " + Paths::configPath(mac_) + " to sign in with (orvexctl enable)");
+    std::string reason = "not signed in, and no settings in " + Paths::configPath(mac_) + " to sign in with (orvexctl enable)";
+    sayWhy(reason);
     // As the tick's own ends: at once, from the tick's thread, without the orderly stop.
+    Ending::aboutToEnd(Ending::Why::NotConfigured, reason);
     _exit(UnitExit::kNotConfigured);
 }
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "common/ending.h"
 #include "common/trace.h"
 #include "option/option.h"
 #include "service/misc.h"
@@ -142,6 +143,7 @@ void signout(zs_io* io, json_t*& json, int& fd)
     }
     // The process serves one device session: once it is signed out there is nothing left
     // to serve, so leave at once without the orderly shutdown (no second sign-out).
+    Ending::aboutToEnd(Ending::Why::Signout);
     _exit(signoutExitStatus.load());
 }
 

@@ -147,8 +147,10 @@ private:
                     const std::function<std::string()>& target, const std::function<std::string()>& body = nullptr);
     // The text with the password, session id and tokens (known or in the answer) hidden.
     std::string redacted(std::string text) const;
-    // One family's sign-in; Cause::None on success, else the cause, logged.
-    Cause attempt(bool (Session::*step)(), const char* family);
+    // One family's sign-in; Cause::None on success, else the cause.
+    Cause attempt(bool (Session::*step)());
+    // The outcome of a sign-in's attempts (token None unless legacy failed).
+    void logSignin(Cause legacy, Cause token);
     // Records the cause of a failed sign-in step (a transport cause found first stays).
     bool failStep(Cause cause);
     // A family step's rules, run so that anything thrown (no answer, one that does not parse)

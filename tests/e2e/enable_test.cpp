@@ -1,7 +1,8 @@
 // orvexctl enable and disable with stand-ins for systemctl and systemd-creds that record
 // how they were run: the files enable leaves (root-only, the password only on
 // systemd-creds' standard input or in its own file), the systemctl steps, the fallback to
-// a plain credential, and disable leaving nothing.
+// a plain credential, disable leaving nothing, the root check, and a session of orvexctl
+// start in the way.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,11 +41,15 @@ protected:
     }
     RunResult orvexctl(const std::vector<std::string>& words, const std::vector<std::string>& env = {})
     {
-        std::vector<std::string> argv = {ctlBinary()};
-        argv.insert(argv.end(), words.begin(), words.end());
         std::vector<std::string> all = {"PATH=" + bin_.path() + ":/usr/bin:/bin", "P=secret"};
         all.insert(all.end(), env.begin(), env.end());
-        return run(argv, all);
+        return ctl(words, all);
+    }
+    std::vector<std::string> enableWith(const std::vector<std::string>& extra) const
+    {
+        std::vector<std::string> words = enable_;
+        words.insert(words.end(), extra.begin(), extra.end());
+        return words;
     }
     std::string log(const char* name) const { return readFile(bin_.file(name)); }
 
@@ -80,9 +85,10 @@ TEST_F(Enable, StoresRootOnlyFilesPassesThePasswordOnlyOnStandardInputAndStartsT
 TEST_F(Enable, WithoutEncryptionThePasswordIsARootOnlyFileAndDisableLeavesNothing)
 {
     ASSERT_EQ(orvexctl(enable_).status, 0);
-    RunResult r = orvexctl(enable_, {"FAKE_CREDS=fail"});
+    RunResult r = orvexctl(enableWith({"--json=short"}), {"FAKE_CREDS=fail"});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("(password in a root-only file)"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out, "{\"mac\":\"" + kMac + "\",\"unit\":\"orvex-session@" + kMac +
+                         ".service\",\"credential\":\"plain\",\"signed_in\":false,\"pid\":0,\"failure\":\"\"}\n");
     const std::string plain = Paths::credentialPath(kMac, false);
     EXPECT_EQ(readFile(plain), "secret");
     EXPECT_EQ(modeOf(plain), 0600u);
@@ -90,8 +96,9 @@ TEST_F(Enable, WithoutEncryptionThePasswordIsARootOnlyFileAndDisableLeavesNothin
     EXPECT_NE(readFile(Paths::dropInPath(kMac)).find("\nLoadCredential=password:" + plain + "\n"), std::string::npos);
 
     std::filesystem::remove(bin_.file("systemctl.log"));
-    r = orvexctl({"disable", kMac});
+    r = orvexctl({"disable", kMac, "--json=short"});
     ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "{\"mac\":\"" + kMac + "\",\"unit\":\"orvex-session@" + kMac + ".service\",\"disabled\":true}\n");
     EXPECT_EQ(log("systemctl.log"), "--quiet disable --now orvex-session@" + kMac + ".service\n--quiet daemon-reload\n");
     for (const std::string& path : {Paths::configPath(kMac), plain, Paths::dropInDirectory(kMac)})
         EXPECT_FALSE(std::filesystem::exists(path)) << path;
@@ -109,6 +116,49 @@ TEST_F(Enable, RefusedWithoutSystemdAndAFailingSystemctlIsNamed)
     r = orvexctl(enable_, {"FAKE_SYSTEMCTL_STATUS=3"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "orvexctl: systemctl daemon-reload failed (exit 3)\n");
+}
+
+// enable and disable change root's files: another user is told so (exit 8) before anything
+// is read or run.
+TEST_F(Enable, AnotherUserIsToldItNeedsRoot)
+{
+    constexpr int kNobody = 65534;
+    std::vector<std::string> argv = {ctlBinary()};
+    argv.insert(argv.end(), enable_.begin(), enable_.end());
+    for (const auto& words : {argv, std::vector<std::string>{ctlBinary(), "disable", kMac}}) {
+        RunResult refused = runAs(kNobody, words);
+        EXPECT_EQ(refused.status, 8);
+        EXPECT_EQ(refused.err, "orvexctl: " + words[1] + " needs root: it changes the files of the unit's instance in /etc\n");
+    }
+    EXPECT_FALSE(std::filesystem::exists(bin_.file("systemctl.log")));
+}
+
+// A session of orvexctl start holds the MAC's lock, which the instance could never take:
+// refused as start refuses it, unless --replace stops it. The unit's own instance is not
+// in the way: enable restarts it with the new settings.
+TEST_F(Enable, ASessionThatOrvexctlStartRunsIsRefusedUnlessReplaced)
+{
+    Daemon started(kMac);
+    ASSERT_TRUE(started.ready());
+    RunResult r = orvexctl(enable_);
+    EXPECT_EQ(r.status, 7);
+    EXPECT_TRUE(contains(r.err, "orvexctl: a session already runs for MAC " + kMac + " (pid " +
+                                    std::to_string(started.process().pid()) + ")"))
+        << r.err;
+    EXPECT_FALSE(std::filesystem::exists(Paths::configPath(kMac)));
+    EXPECT_FALSE(std::filesystem::exists(bin_.file("systemctl.log")));
+
+    r = orvexctl(enableWith({"--replace"}));
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(started.process().wait(10s), 0) << "the started session was not stopped";
+    EXPECT_TRUE(std::filesystem::exists(Paths::configPath(kMac)));
+
+    Child instance(Spawn{{daemonBinary(), "-d", "-m", kMac}, {"INVOCATION_ID=0123456789abcdef"}, "", "", false});
+    ASSERT_TRUE(waitFor([] { return answers(kMac); }));
+    r = orvexctl(enable_);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(instance.running()) << "enable stopped the unit's own instance";
+    killSessions();
 }
 
 }  // namespace

@@ -98,10 +98,14 @@ TEST_F(DaemonFiles, LockFileRefusesLinksFifosAndFilesOfOtherUsers)
     EXPECT_EQ(held.err, "orvex-session lock file " + lock + " is held by pid " + std::to_string(holder) +
                             " of uid 65534, refused.\n");
 
-    // With the traps gone the daemon starts.
+    // With the traps gone the daemon starts; a longer stale pid left in the file is
+    // replaced whole, so a second instance names the one that runs.
+    std::ofstream(lock, std::ios::trunc) << "99999999";
     Daemon daemon(kMac);
     ASSERT_TRUE(daemon.ready()) << daemon.log();
-    EXPECT_EQ(readFile(lock), std::to_string(daemon.process().pid()));
+    const std::string pid = std::to_string(daemon.process().pid());
+    EXPECT_EQ(readFile(lock), pid);
+    EXPECT_EQ(run({daemonBinary(), "-d", "-m", kMac}).err, "orvex-session daemon is running (" + pid + ").\n");
 }
 
 TEST_F(DaemonFiles, DetachedDaemonCreatesNothingWritableByOthersAndNeverLogsThroughALink)
@@ -189,18 +193,25 @@ TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFi
     // Rotation renames the current file to .0 and .0 to .1: at each rotation from the
     // second on, the newest archive and the current file hold exactly what was written
     // since the one before. Every call's lines must be there: nobody wrote into an older file.
-    struct stat archive{};
-    auto archiveInode = [&] { return stat((std::string(Paths::kLogPath) + ".0").c_str(), &archive) == 0 ? archive.st_ino : 0; };
+    auto inodeOf = [](const std::string& suffix) {
+        struct stat st{};
+        return stat((std::string(Paths::kLogPath) + suffix).c_str(), &st) == 0 ? st.st_ino : 0;
+    };
     std::map<std::string, size_t> calls;
     int rotations = 0;
-    for (ino_t seen = archiveInode(); rotations < 4;) {
+    for (ino_t seen = inodeOf(".0"); rotations < 4;) {
         for (const std::string& mac : macs) {
             ASSERT_EQ(sessionCall(mac, "ping").rc, 0);
             ++calls[std::to_string(lockHolder(mac))];
         }
-        if (archiveInode() == seen)
+        if (inodeOf(".0") == seen)
             continue;
-        seen = archiveInode();
+        // The archive before moved on to .1; nothing older than .1 is kept.
+        if (seen != 0) {
+            EXPECT_EQ(inodeOf(".1"), seen) << "rotation " << rotations + 1 << " did not move .0 to .1";
+        }
+        EXPECT_EQ(inodeOf(".2"), 0u);
+        seen = inodeOf(".0");
         if (rotations++ > 0) {
             Stamps newest;
             // A call's last trace lines may follow its reply; a slow (sanitized) daemon

@@ -1,7 +1,7 @@
 // The daemon run as the unit's instance (--unit): it signs itself in as soon as its bus
 // serves, retries with growing pauses while the device is down, never overrides a
 // caller's sign-in, refuses settings it cannot use, and ends with the statuses that the
-// unit's restart policy reads.
+// unit's restart policy reads, each end recorded in its status file.
 #include <sys/stat.h>
 
 #include "tests/support/unit_instance.h"
@@ -64,7 +64,7 @@ TEST_F(UnitInstance, RetriesWithGrowingPausesWhileTheDeviceIsDownAndNeverOverrid
     EXPECT_EQ(second.manager().next(7000), "") << "the own sign-in went on after the caller's";
 }
 
-TEST_F(UnitInstance, SignoutEndsWithTenUnderTheUnitWhileSigtermAndAPlainProcessKeepZero)
+TEST_F(UnitInstance, SignoutEndsWithTenUnderTheUnitWhileSigtermAndAPlainProcessKeepZeroEachWithItsEndRecord)
 {
     Devsim device("legacy", false);
     {
@@ -72,12 +72,14 @@ TEST_F(UnitInstance, SignoutEndsWithTenUnderTheUnitWhileSigtermAndAPlainProcessK
         ASSERT_EQ(daemon.manager().nextStartingWith("STATUS=signed in"), signedIn("legacy", device.port()));
         sessionCall(kMac, "signout");
         EXPECT_EQ(daemon.process().wait(), 10);
+        EXPECT_EQ(daemon.end(), "stopped: signout");
     }
     {
         UnitDaemon daemon(kMac, {device.port()});
         ASSERT_EQ(daemon.manager().nextStartingWith("STATUS=signed in"), signedIn("legacy", device.port()));
         daemon.process().signal(SIGTERM);
         EXPECT_EQ(daemon.process().wait(), 0);
+        EXPECT_EQ(daemon.end(), "stopped: SIGTERM");
     }
     Daemon plain(kMac);
     ASSERT_TRUE(plain.ready());
@@ -94,6 +96,8 @@ TEST_F(UnitInstance, SettingsItCannotUseEndItAtOnceWithNotConfiguredAndTheReason
         EXPECT_EQ(daemon.manager().next(), "STATUS=" + Paths::configPath(kMac) +
                                                " has no password credential with it (run orvexctl enable again)");
         EXPECT_EQ(daemon.process().wait(), 6);
+        EXPECT_EQ(daemon.end(), "ended: " + Paths::configPath(kMac) +
+                                    " has no password credential with it (run orvexctl enable again)");
     }
     writeDeviceConfig(DeviceConfig{kMac, "127.0.0.1", device.port(), "admin", false, 600});
     chmod(Paths::configPath(kMac).c_str(), 0644);

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "client/device_config.h"
+#include "client/status_file.h"
 #include "common/paths.h"
 #include "tests/support/daemon.h"
 
@@ -20,6 +21,7 @@ struct UnitDaemonOptions {
     int port = 0;          // the device's port; 0: no settings at all
     bool secure = false;
     bool credential = true;  // hand over the password "secret"
+    long idle = 600;         // the settings' idle limit
 };
 
 class UnitDaemon {
@@ -28,7 +30,7 @@ public:
         : mac_(mac), manager_(dir_.file("notify"))
     {
         if (options.port != 0)
-            writeDeviceConfig(DeviceConfig{mac, "127.0.0.1", options.port, "admin", options.secure, 600});
+            writeDeviceConfig(DeviceConfig{mac, "127.0.0.1", options.port, "admin", options.secure, options.idle});
         std::vector<std::string> env = {"NOTIFY_SOCKET=" + manager_.path()};
         if (options.credential) {
             std::string folder = dir_.file("credentials");
@@ -46,6 +48,15 @@ public:
     NotifySocket& manager() { return manager_; }
     Child& process() { return *child_; }
     std::string log() const { return readFile(dir_.file("stderr")); }
+
+    // The last record of the status file once the process has ended: "state: reason".
+    std::string end() const
+    {
+        StatusRecord record;
+        if (!readStatus(mac_, record))
+            return "no status file";
+        return record.end + ": " + record.reason + (record.signedIn ? " (still signed in)" : "");
+    }
 
 private:
     std::string mac_;

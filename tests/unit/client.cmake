@@ -4,3 +4,7 @@ orvex_add_gtest(client_device_config_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/client_device_config_test.cpp
   LIBS orvex::client orvex_test_support
   ISOLATED)
+# The files that name a fleet for the front end, read without any daemon.
+orvex_add_gtest(client_files_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/client_files_test.cpp
+  LIBS orvex::client orvex_test_support)

@@ -27,15 +27,6 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-void requireRootAndSystemd(const char* command)
-{
-    if (::geteuid() != 0)
-        throw std::runtime_error(std::string(command) + " needs root: it writes " + Paths::kConfigDirectory +
-                                 " and the unit's drop-in");
-    if (::access("/run/systemd/system", F_OK) != 0)
-        throw std::runtime_error(std::string(command) + " needs systemd running (no /run/systemd/system)");
-}
-
 // Runs a program from PATH to its end; its output goes where ours does.
 int run(const std::string& program, const Args& args)
 {
@@ -125,9 +116,15 @@ void removeDropIn(const std::string& mac)
 
 }  // namespace
 
+void requireSystemd(const char* command)
+{
+    if (::access("/run/systemd/system", F_OK) != 0)
+        throw std::runtime_error(std::string(command) + " needs systemd running (no /run/systemd/system)");
+}
+
 Stored enableInstance(const DeviceConfig& config, const std::string& password)
 {
-    requireRootAndSystemd("enable");
+    requireSystemd("enable");
     writeDeviceConfig(config);
     Stored stored = storePassword(config.mac, password);
     const std::string unit = Paths::unitName(config.mac);
@@ -140,7 +137,7 @@ Stored enableInstance(const DeviceConfig& config, const std::string& password)
 
 void disableInstance(const std::string& mac)
 {
-    requireRootAndSystemd("disable");
+    requireSystemd("disable");
     std::string firstFailure;
     auto attempt = [&firstFailure](const std::function<void()>& step) {
         try {
@@ -162,7 +159,7 @@ bool waitForSignin(const std::string& mac, std::chrono::seconds timeout, StatusR
 {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        if (readStatus(mac, record) && (record.signedIn || !record.failure.empty()))
+        if (readStatus(mac, record) && (record.signedIn || !record.failure.empty() || !record.end.empty()))
             return true;
         if (std::chrono::steady_clock::now() >= deadline)
             return false;

@@ -1,6 +1,6 @@
 // orvexctl enable and disable: a device whose session process systemd keeps, as the
-// instance orvex-session@MAC of the template unit. Root only, and only where systemd runs
-// (/run/systemd/system); systemctl and systemd-creds are run from PATH.
+// instance orvex-session@MAC of the template unit. For root (orvexctl checks), and only
+// where systemd runs (/run/systemd/system); systemctl and systemd-creds are run from PATH.
 //
 // What enable leaves behind, and disable removes:
 //   /etc/orvex/orvex-session@MAC.conf      the settings (client/device_config.h)
@@ -23,6 +23,9 @@
 namespace Orvex {
 namespace ctl {
 
+// Throws unless systemd runs here; command names the caller in the message.
+void requireSystemd(const char* command);
+
 // How the password was stored.
 enum class Stored { Encrypted, Plain };
 
@@ -34,8 +37,8 @@ Stored enableInstance(const DeviceConfig& config, const std::string& password);
 // systemd is told even when some step failed, and the first failure is thrown after.
 void disableInstance(const std::string& mac);
 
-// The status of the instance's first sign-in attempt after enable (signed in, or the
-// cause of a failure); false when none came within the time.
+// The status of the instance's first sign-in attempt after enable (signed in, the cause
+// of a failure, or the end of the process); false when none came within the time.
 bool waitForSignin(const std::string& mac, std::chrono::seconds timeout, StatusRecord& record);
 
 }  // namespace ctl
