@@ -134,6 +134,14 @@ wait_until() {
   done
 }
 signed_in_to() { [ "$(status_text "$1")" = "signed in to $2" ]; }
+# orvexctl status agrees: the record of the unit's main process, running and signed in.
+ctl_says_signed_in() {
+  local json pid
+  pid=$(main_pid "$1")
+  json=$(in_ct orvexctl status "$1" --json=short) || { echo "  orvexctl status: $json"; return 1; }
+  grep -q "\"pid\":$pid,\"state\":\"running\"" <<<"$json" && grep -q '"signed_in":true' <<<"$json" ||
+    { echo "  orvexctl status (main pid $pid): $json"; return 1; }
+}
 signed_in_with_new_pid() {
   local pid
   pid=$(main_pid "$1")
@@ -173,8 +181,7 @@ enable_signs_in() {
   shift 2
   in_ct "$@" >"$work/enable.out" 2>&1 || { sed 's/^/  /' "$work/enable.out"; return 1; }
   wait_until 10 signed_in_to "$mac" "$device" || { echo "  STATUS: '$(status_text "$mac")'"; return 1; }
-  in_ct orvexctl status "$mac" --json=short | grep -q '"signed_in":true' ||
-    { echo "  orvexctl status: $(in_ct orvexctl status "$mac")"; return 1; }
+  ctl_says_signed_in "$mac" || return 1
   in_ct orvexctl call "$mac" get_device_system_info >/dev/null || return 1
   echo "  signed in after $((SECONDS - begin)) s: $(status_text "$mac")"
 }
@@ -212,6 +219,7 @@ comes_back_after_sigkill() {
   in_ct kill -KILL "$pid" || return 1
   wait_until 15 signed_in_with_new_pid "$mac" "$pid" "legacy device 127.0.0.1:$legacy_port" ||
     { echo "  pid $(main_pid "$mac") (was $pid), STATUS '$(status_text "$mac")'"; return 1; }
+  ctl_says_signed_in "$mac" || return 1
   echo "  pid $pid -> $(main_pid "$mac") after $((SECONDS - begin)) s"
 }
 
@@ -224,6 +232,7 @@ comes_back_after_device_restart() {
   start_device devsim-legacy "$legacy_port" --family legacy || { echo "  the device did not come back"; return 1; }
   wait_until 90 signed_in_with_new_pid "$mac" "$pid" "legacy device 127.0.0.1:$legacy_port" ||
     { echo "  pid $(main_pid "$mac") (was $pid), STATUS '$(status_text "$mac")'"; return 1; }
+  ctl_says_signed_in "$mac" || return 1
   in_ct orvexctl call "$mac" get_device_system_info >/dev/null || return 1
   echo "  pid $pid -> $(main_pid "$mac") $((SECONDS - begin)) s after the device was killed"
 }
@@ -263,7 +272,10 @@ signout_stays_down() {
   in_ct systemctl start "$(unit_of "$mac")" &&
     wait_until 10 signed_in_to "$mac" "token device 127.0.0.1:$token_port (https)" || return 1
   in_ct orvexctl stop "$mac" >/dev/null || return 1
-  inactive_not_restarted "$mac"
+  inactive_not_restarted "$mac" || return 1
+  # The end record: a normal stop, so status exits 0.
+  in_ct orvexctl status "$mac" | grep -q ' stopped: signout ' ||
+    { echo "  orvexctl status: $(in_ct orvexctl status "$mac")"; return 1; }
 }
 
 no_file_of() {
@@ -289,7 +301,11 @@ bare_instance_fails_once() {
   state=$(prop "$mac_bare" ActiveState)/$(prop "$mac_bare" NRestarts)/$(prop "$mac_bare" ExecMainStatus)
   echo "  state/restarts/exit status after 2 minutes: $state; STATUS '$(status_text "$mac_bare")'"
   [ "$(prop "$mac_bare" NRestarts)" -le 1 ] && [ "$(prop "$mac_bare" ActiveState)" != active ] &&
-    status_text "$mac_bare" | grep -q 'no settings'
+    status_text "$mac_bare" | grep -q 'no settings' || return 1
+  # The end record says the same, and status exits 3 for an abnormal end.
+  in_ct orvexctl status "$mac_bare" >"$work/bare.status"
+  [ $? = 3 ] && grep -q ' ended: not signed in, and no settings in ' "$work/bare.status" ||
+    { echo "  orvexctl status: $(cat "$work/bare.status")"; return 1; }
 }
 
 no_session_process() { ! in_ct pgrep -x orvex-session >/dev/null; }
@@ -326,9 +342,9 @@ run_checks() {
   check "upgrade: the enabled instance is stopped and comes back signed in" upgrade_brings_it_back
   check "legacy: STATUS after STOPPING=1 says signed out" signout_status_on_stop "$mac_legacy"
   check "token: STATUS after STOPPING=1 says signed out" signout_status_on_stop "$mac_token"
-  check "signout (orvexctl stop): stays down, not failed" signout_stays_down
+  check "signout (orvexctl stop): stays down, not failed, recorded as stopped" signout_stays_down
   check "disable: stopped, disabled, no file left" disable_leaves_nothing
-  check "an instance without settings: restarted at most once in 2 minutes, STATUS says why" \
+  check "an instance without settings: restarted at most once in 2 minutes, STATUS and end record say why" \
     bare_instance_fails_once "$bare_started"
   check "prerm: a running instance is stopped and stays down" prerm_stops_instances
   check "purge: no file left" purge_leaves_nothing
