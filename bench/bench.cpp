@@ -334,6 +334,8 @@ int run(int argc, char** argv)
         unlink(Test::lockPath(format("02:00:00:00:00:%02d", i)).c_str());
     runPart(s, "fleet", [&] { measureFleet(s, report); }, report);
     Test::killSessions();
+    runPart(s, "fleet-commands", [&] { measureFleetCommands(s, report); }, report);
+    Test::killSessions();
     const std::string text = format("Machine: %u CPUs; load average before %s, after %s. %.1f s per measured pair, "
                                     "alternating in 4 slices; fleet of %d devices, idle %d s.\n\n",
                                     std::thread::hardware_concurrency(), loadBefore.c_str(), loadAverage().c_str(),

@@ -76,7 +76,7 @@ struct Settings {
     int devices = 500;      // fleet
     int idleSeconds = 120;  // fleet idle phase: two keep-alive periods
     int parallel = 16;
-    std::string only;       // one part (bus, device, footprint, start-up, fleet), or all
+    std::string only;       // one part (bus, device, footprint, start-up, fleet, fleet-commands), or all
     std::string self;       // this program, for its peers
 };
 
@@ -110,5 +110,6 @@ private:
 };
 
 void measureFleet(const Settings& s, Report& report);
+void measureFleetCommands(const Settings& s, Report& report);
 
 }  // namespace Orvex::Bench

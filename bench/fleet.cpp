@@ -1,7 +1,8 @@
 // The fleet: one orvex-devsim playing N devices of both families; N sessions started with
 // orvexctl (16 at a time), signed in, read, changed, left idle for two keep-alive periods,
 // listed and stopped; beside a bare POCO client doing the same device requests with the
-// same parallelism, and N bare POCO processes for the memory figures.
+// same parallelism, and N bare POCO processes for the memory figures. And the fleet
+// commands (start --from, call --all) beside a shell loop of one orvexctl per device.
 #include "bench/bench.h"
 
 #include <signal.h>
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <fstream>
 #include <memory>
 #include <numeric>
 #include <thread>
@@ -237,6 +239,57 @@ void measureFleet(const Settings& s, Report& report)
     const double most = threads.empty() ? NAN : *std::max_element(threads.begin(), threads.end());
     report.goal("threads per daemon <= 3 (most in the fleet)", most, 3, true,
                 format("median %.0f, most %.0f", summarize(threads).median, most));
+}
+
+namespace {
+
+// One shell command to its end (as root, with the password in ORVEX_PASS); its seconds, or
+// NaN when it failed.
+double timedShell(const std::string& script, int& status)
+{
+    const auto start = Clock::now();
+    status = Test::run({"/bin/bash", "-c", script}, {"ORVEX_PASS=secret"}, "", std::chrono::seconds(1200)).status;
+    return status == 0 ? since(start) : NAN;
+}
+
+}  // namespace
+
+// The fleet commands against what an operator runs without them: a shell loop of one
+// orvexctl per device, on the same file of N devices.
+void measureFleetCommands(const Settings& s, Report& report)
+{
+    const std::string ctl = Test::ctlBinary();
+    const int n = s.devices;
+    std::unique_ptr<Child> devsim;
+    const std::vector<int> ports = Test::startDevsim(
+        {ORVEX_DEVSIM, "--family", "mixed", "--devices", std::to_string(n), "--tls", "--port", "0", "--stdin-watch"},
+        static_cast<size_t>(n), devsim);
+    Test::TempDir dir;
+    std::string devices;
+    for (int i = 0; i < n; ++i)
+        devices += format("%s 127.0.0.1 %d admin secure\n", fleetMac(i).c_str(), ports[static_cast<size_t>(i)]);
+    std::ofstream(dir.file("devices")) << devices;
+    const std::string file = dir.file("devices"), change = "'{\"bsd\":true,\"orvex\":false}'";
+    const std::string loopStart = "while read mac ip port user secure; do " + ctl +
+                                  " start \"$mac\" --ip \"$ip\" --port \"$port\" --user \"$user\" --secure >/dev/null "
+                                  "|| exit 1; done < " + file;
+    const std::string loopCall = "while read mac rest; do " + ctl + " call \"$mac\" set_device_rsyslog_client_config " +
+                                 change + " >/dev/null || exit 1; done < " + file;
+    int status[6] = {};
+    const double shellStart = timedShell(loopStart, status[0]);
+    const double shellCall = timedShell(loopCall, status[1]);
+    const double callAll = timedShell(ctl + " call --all set_device_rsyslog_client_config " + change + " >/dev/null", status[2]);
+    timedShell(ctl + " stop --all >/dev/null", status[3]);
+    const double startFrom = timedShell(ctl + " start --from " + file + " >/dev/null", status[4]);
+    timedShell(ctl + " stop --all >/dev/null", status[5]);
+    Test::killSessions();
+    report.row(format("fleet start from a file, %d devices (s)", n), "orvexctl start --from (8 at a time)",
+               single(startFrom), "shell loop of orvexctl start", single(shellStart));
+    report.row(format("fleet call, %d sessions (s)", n), "orvexctl call --all (8 at a time)", single(callAll),
+               "shell loop of orvexctl call", single(shellCall));
+    for (int i = 0; i < 6; ++i)
+        if (status[i] != 0)
+            report.note(format("fleet commands: step %d of 6 exited %d", i + 1, status[i]));
 }
 
 }  // namespace Orvex::Bench

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <set>
@@ -30,7 +31,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr int kCallTimeout = 30;
 // A signout that has not answered by then is taken as hung: the session bounds its one
 // device exchange to 10 s.
 constexpr int kSignoutTimeout = 15;
@@ -56,17 +56,20 @@ int busCall(const std::string& mac, const char* method, zs_io* buffer, int timeo
     return zs_call(Paths::busAddress(mac).c_str(), method, buffer, timeout, -1);
 }
 
-void callDevice(const std::string& mac, const char* method, zs_io* buffer)
+void callDevice(const std::string& mac, const char* method, zs_io* buffer, int timeout)
 {
-    if (busCall(mac, method, buffer, kCallTimeout) != 0)
-        throw SessionNotFound(mac, 0);
+    if (busCall(mac, method, buffer, timeout) == 0)
+        return;
+    if (errno == ETIMEDOUT)
+        throw NoAnswer(mac, 0);
+    throw SessionNotFound(mac, 0);
 }
 
 // Whether pid is the process holding the MAC's lock, which is the session's.
 bool isSessionOf(const std::string& mac, pid_t pid)
 {
     SessionInfo info;
-    return findSession(mac, info) && info.state != SessionState::Exited && info.pid == pid;
+    return findSession(mac, info) && info.running() && info.pid == pid;
 }
 
 // Any reply counts, an unknown method's 404 included: it is answered by the loop itself.
@@ -74,9 +77,9 @@ bool isSessionOf(const std::string& mac, pid_t pid)
 // keeps a start from waiting long for a daemon that is already serving (on a loaded
 // machine launches take tens of milliseconds). A listener that is not the session (it
 // bound the address first) will not start answering: the next step names it.
-void waitUntilServing(const std::string& mac)
+void waitUntilServing(const std::string& mac, milliseconds limit)
 {
-    auto deadline = Clock::now() + kServingLimit;
+    auto deadline = Clock::now() + std::min(kServingLimit, limit);
     milliseconds pause{1};
     for (;;) {
         pid_t pid = 0;
@@ -194,9 +197,9 @@ std::vector<Target> sessionProcesses()
 pid_t sessionPid(const std::string& mac, bool& stopped)
 {
     SessionInfo info;
-    if (!findSession(mac, info) || info.state == SessionState::Exited)
+    if (!findSession(mac, info) || !info.running())
         return 0;
-    stopped = info.stopped;
+    stopped = info.suspended;
     return info.pid;
 }
 
@@ -218,14 +221,14 @@ void start(json_t*& out, const DeviceOption& opt, const LaunchOptions& launch)
     // The program detaches itself, so the wait ends when its first half exits.
     Poco::ProcessHandle handle = Poco::Process::launch(Paths::kDaemonPath, args);
     handle.wait();
-    waitUntilServing(opt.mac);
+    waitUntilServing(opt.mac, std::chrono::seconds(launch.timeoutSeconds));
     requireSessionListening(opt.mac);
     ZsIoPtr buffer = makeZsIo();
     JsonRef signin = JsonRef::adopt(json_pack("{ss si sb ss ss}", "ip", opt.ip.c_str(), "port", opt.port, "secure",
         opt.secure, "user", opt.user.c_str(), "pass", opt.pass.c_str()));
     dumpInto(signin.get(), buffer.get());
     signin.reset();
-    callDevice(opt.mac, "signin", buffer.get());
+    callDevice(opt.mac, "signin", buffer.get(), launch.timeoutSeconds);
     replaceWithReply(out, buffer.get());
 }
 
@@ -271,11 +274,17 @@ StopReport stopOne(const std::string& mac, milliseconds grace)
 void call(json_t*& inout, const DeviceOption& opt, const std::string& method)
 {
     ORVEX_TRACE();
+    call(inout, opt, method, kCallTimeoutSeconds);
+}
+
+void call(json_t*& inout, const DeviceOption& opt, const std::string& method, int timeoutSeconds)
+{
+    ORVEX_TRACE();
     if (opt.mac.empty())
         throw SessionNotFound(opt.mac, 0);
     ZsIoPtr buffer = makeZsIo();
     dumpInto(inout, buffer.get());
-    callDevice(opt.mac, method.c_str(), buffer.get());
+    callDevice(opt.mac, method.c_str(), buffer.get(), timeoutSeconds);
     replaceWithReply(inout, buffer.get());
 }
 

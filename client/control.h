@@ -3,7 +3,8 @@
 // device protocols.
 //
 // Errors: SessionNotFound(<MAC>, 0) when no process answers for the MAC (or the MAC is
-// empty); BusSquatter when something else listens on the MAC's bus address;
+// empty), NoAnswer (one of them) when a process took the call but did not answer in
+// time; BusSquatter when something else listens on the MAC's bus address;
 // std::runtime_error for a launch that cannot run. Replies replace the whole content of
 // the caller's object.
 #pragma once
@@ -17,6 +18,7 @@
 
 #include <jansson.h>
 
+#include "common/exceptions.h"
 #include "option/option.h"
 
 namespace Orvex {
@@ -31,9 +33,17 @@ public:
 
 // How long a process gets between SIGTERM and SIGKILL unless the caller says otherwise.
 constexpr std::chrono::milliseconds kDefaultGrace{5000};
+// How long a call (the sign-in of start included) waits for its answer by default.
+constexpr int kCallTimeoutSeconds = 30;
+
+class NoAnswer : public SessionNotFound {
+public:
+    using SessionNotFound::SessionNotFound;
+};
 
 struct LaunchOptions {
     int level = -1;  // passed as "-l N" when 0 or more
+    int timeoutSeconds = kCallTimeoutSeconds;  // for the sign-in's answer, and at most 5 s of it until it serves
 };
 
 // One session process that stop() dealt with; how: "signout", "SIGTERM" or "SIGKILL".
@@ -69,6 +79,7 @@ StopReport stopOne(const std::string& mac, std::chrono::milliseconds grace);
 
 // Runs method on the MAC's process with inout as arguments; inout becomes the reply.
 void call(json_t*& inout, const DeviceOption& opt, const std::string& method);
+void call(json_t*& inout, const DeviceOption& opt, const std::string& method, int timeoutSeconds);
 
 }  // namespace Control
 }  // namespace Orvex

@@ -54,14 +54,6 @@ const LockName& lockName()
     return name;
 }
 
-pid_t pidInFile(int fd)
-{
-    char text[33] = {0};
-    if (::pread(fd, text, 32, 0) <= 0)
-        return 0;
-    return static_cast<pid_t>(std::atoi(text));
-}
-
 bool binaryReplaced(pid_t pid, const StatusRecord& status)
 {
     bool deleted = false;
@@ -74,6 +66,31 @@ bool binaryReplaced(pid_t pid, const StatusRecord& status)
     return st.st_ino != status.binaryInode || st.st_mtime != status.binaryMtime;
 }
 
+time_t modified(const std::string& path)
+{
+    struct stat st{};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_mtime : 0;
+}
+
+// How a session that no longer runs ended, from the last record of its status file.
+void describeEnd(SessionInfo& info)
+{
+    const StatusRecord& r = info.status;
+    info.pid = r.pid;
+    info.abnormal = r.end.empty() || r.abnormal;
+    info.reason = r.reason;
+    info.ended = r.ended;
+    if (r.end == "stopped")
+        info.state = SessionState::Stopped;
+    else if (r.end == "ended")
+        info.state = SessionState::Ended;
+    else
+        info.state = SessionState::Crashed;
+    // Gone without a word: the file was last written at its last sign of life.
+    if (r.end.empty())
+        info.ended = modified(Paths::statusPath(info.mac));
+}
+
 bool inspect(const std::string& mac, const LockHolders& holders, time_t now, SessionInfo& info)
 {
     UniqueFd fd(::open(Paths::lockPath(mac).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -83,20 +100,27 @@ bool inspect(const std::string& mac, const LockHolders& holders, time_t now, Ses
     info = SessionInfo{};
     info.mac = mac;
     auto holder = holders.find({st.st_dev, st.st_ino});
-    info.pid = holder != holders.end() ? holder->second : pidInFile(fd.get());
     StatusRecord status;
-    info.hasStatus = readStatus(mac, status) && status.pid == info.pid;
-    if (info.hasStatus)
-        info.status = status;
+    bool recorded = readStatus(mac, status);
     // A lock held by anything but a session process (or by nobody) means no session runs;
     // so does a lock file of another user than its holder's, such as one a stranger
     // planted and holds from a copy of the program.
-    if (holder == holders.end() || Proc::gone(info.pid) || !isSessionProcess(info.pid) ||
-        !Proc::runsAs(info.pid, st.st_uid))
+    if (holder == holders.end() || Proc::gone(holder->second) || !isSessionProcess(holder->second) ||
+        !Proc::runsAs(holder->second, st.st_uid)) {
+        if (!recorded)
+            return false;
+        info.hasStatus = true;
+        info.status = status;
+        describeEnd(info);
         return true;
+    }
+    info.pid = holder->second;
+    info.hasStatus = recorded && status.pid == info.pid;
+    if (info.hasStatus)
+        info.status = status;
     info.state = info.hasStatus && binaryReplaced(info.pid, status) ? SessionState::StaleBinary : SessionState::Running;
     Proc::Stat current;
-    info.stopped = Proc::stat(info.pid, current) && current.state == 'T';
+    info.suspended = Proc::stat(info.pid, current) && current.state == 'T';
     if (info.hasStatus && status.started > 0)
         info.uptime = static_cast<long>(now - status.started);
     return true;
@@ -111,17 +135,25 @@ const char* stateName(SessionState state)
         return "running";
     case SessionState::StaleBinary:
         return "stale binary";
-    case SessionState::Exited:
+    case SessionState::Stopped:
+        return "stopped";
+    case SessionState::Ended:
+        return "ended";
+    case SessionState::Crashed:
         break;
     }
-    return "exited";
+    return "crashed";
 }
 
 bool isSessionProcess(pid_t pid)
 {
+    // Only root's or our own: a copy run by anyone else is not a session of ours.
+    if (!Proc::runsAs(pid, 0) && !Proc::runsAs(pid, ::geteuid()))
+        return false;
+    // The program file shows only to those who may trace the process (the daemon is not
+    // dumpable): without that right its name tells.
     std::string program = Proc::program(pid);
-    return !program.empty() && Poco::Path(program).getFileName() == Paths::kServicePrefix &&
-           (Proc::runsAs(pid, 0) || Proc::runsAs(pid, ::geteuid()));
+    return (program.empty() ? Proc::name(pid) : Poco::Path(program).getFileName()) == Paths::kServicePrefix;
 }
 
 SessionProcess SessionProcess::find(pid_t pid)
@@ -191,6 +223,30 @@ std::vector<SessionInfo> listSessions()
 bool findSession(const std::string& mac, SessionInfo& info)
 {
     return inspect(mac, flockHolders(), ::time(nullptr), info);
+}
+
+Forget forgetSession(const std::string& mac)
+{
+    SessionInfo info;
+    if (!findSession(mac, info))
+        return Forget::Unknown;
+    if (info.running())
+        return Forget::Running;
+    removeStatus(mac);
+    return Forget::Forgotten;
+}
+
+void recordKilled(const std::string& mac, pid_t pid, const std::string& reason)
+{
+    StatusRecord record;
+    if (!readStatus(mac, record) || record.pid != pid || !record.end.empty())
+        return;
+    record.signedIn = false;
+    record.end = "stopped";
+    record.abnormal = false;
+    record.reason = reason;
+    record.ended = ::time(nullptr);
+    writeStatus(record);
 }
 
 }  // namespace Orvex

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 
 #include "common/paths.h"
 #include "common/raii.h"
+#include "common/utf8.h"
 
 namespace Orvex {
 
@@ -29,14 +31,38 @@ bool ownFolder(const char* folder)
     return true;
 }
 
+// Valid UTF-8 of at most kFieldLimit bytes, cut at a character's start; a byte that starts
+// no character becomes '?'.
+std::string bounded(const std::string& value)
+{
+    std::string out;
+    uint32_t codepoint = 0;
+    for (size_t i = 0; i < value.size();) {
+        const size_t length = utf8Character(value, i, codepoint);
+        if (out.size() + std::max<size_t>(length, 1) > kFieldLimit)
+            break;
+        if (length == 0)
+            out += '?';
+        else
+            out.append(value, i, length);
+        i += std::max<size_t>(length, 1);
+    }
+    return out;
+}
+
 JsonRef toJson(const StatusRecord& r)
 {
-    return JsonRef::adopt(json_pack("{ss si sI ss sI sI si ss si sb ss ss ss ss sb ss sI}", "mac", r.mac.c_str(), "pid",
-        static_cast<int>(r.pid), "started", static_cast<json_int_t>(r.started), "binary", r.binary.c_str(),
+    JsonRef o = JsonRef::adopt(json_pack("{ss si sI ss sI sI si ss si sb ss ss ss ss sb ss sI sb}", "mac", r.mac.c_str(),
+        "pid", static_cast<int>(r.pid), "started", static_cast<json_int_t>(r.started), "binary", r.binary.c_str(),
         "binary_inode", static_cast<json_int_t>(r.binaryInode), "binary_mtime", static_cast<json_int_t>(r.binaryMtime),
-        "family", r.family, "host", r.host.c_str(), "port", static_cast<int>(r.port), "secure", r.secure, "model",
-        r.model.c_str(), "serial", r.serial.c_str(), "firmware", r.firmware.c_str(), "hostname", r.hostname.c_str(),
-        "signed_in", r.signedIn, "failure", r.failure.c_str(), "last_use", static_cast<json_int_t>(r.lastUse)));
+        "family", r.family, "host", bounded(r.host).c_str(), "port", static_cast<int>(r.port), "secure", r.secure,
+        "model", bounded(r.model).c_str(), "serial", bounded(r.serial).c_str(), "firmware", bounded(r.firmware).c_str(),
+        "hostname", bounded(r.hostname).c_str(), "signed_in", r.signedIn, "failure", bounded(r.failure).c_str(),
+        "last_use", static_cast<json_int_t>(r.lastUse), "systemd", r.systemd));
+    if (o && !r.end.empty())
+        json_object_update(o.get(), JsonRef::adopt(json_pack("{ss sb ss sI}", "end", r.end.c_str(), "abnormal",
+            r.abnormal, "reason", bounded(r.reason).c_str(), "ended", static_cast<json_int_t>(r.ended))).get());
+    return o;
 }
 
 std::string text(json_t* object, const char* key)
@@ -57,6 +83,17 @@ const char* familyName(int family)
     return family == 1 ? "token" : family == 2 ? "legacy" : "none";
 }
 
+std::string renderStatus(const StatusRecord& record)
+{
+    JsonRef json = toJson(record);
+    std::string text;
+    if (char* dumped = json ? json_dumps(json.get(), JSON_COMPACT) : nullptr) {
+        text = dumped;
+        free(dumped);
+    }
+    return text;
+}
+
 bool writeStatus(const StatusRecord& record)
 {
     if (!ownFolder(Paths::kStatusDirectory))
@@ -67,14 +104,8 @@ bool writeStatus(const StatusRecord& record)
     UniqueFd fd(::mkostemp(&temporary[0], O_CLOEXEC));
     if (!fd)
         return false;
-    JsonRef json = toJson(record);
     // One write: json_dumpfd would make a system call per token, at every keep-alive tick.
-    std::string text;
-    if (char* dumped = json ? json_dumps(json.get(), JSON_COMPACT) : nullptr) {
-        text = dumped;
-        free(dumped);
-    }
-    text += '\n';
+    std::string text = renderStatus(record) + '\n';
     bool ok = text.size() > 1 && ::fchmod(fd.get(), 0644) == 0 &&
               ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
     fd.reset();
@@ -113,6 +144,11 @@ bool readStatus(const std::string& mac, StatusRecord& r)
     r.signedIn = json_is_true(json_object_get(o, "signed_in"));
     r.failure = text(o, "failure");
     r.lastUse = static_cast<time_t>(number(o, "last_use"));
+    r.systemd = json_is_true(json_object_get(o, "systemd"));
+    r.end = text(o, "end");
+    r.abnormal = json_is_true(json_object_get(o, "abnormal"));
+    r.reason = text(o, "reason");
+    r.ended = static_cast<time_t>(number(o, "ended"));
     return true;
 }
 

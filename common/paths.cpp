@@ -30,6 +30,31 @@ std::string statusPath(const std::string& mac)
     return std::string(kStatusDirectory) + "/" + serviceName(mac) + ".status";
 }
 
+std::string configPath(const std::string& mac)
+{
+    return std::string(kConfigDirectory) + "/" + serviceName(mac) + ".conf";
+}
+
+std::string credentialPath(const std::string& mac, bool encrypted)
+{
+    return std::string(kConfigDirectory) + "/" + serviceName(mac) + (encrypted ? ".cred" : ".pass");
+}
+
+std::string unitName(const std::string& mac)
+{
+    return serviceName(mac) + ".service";
+}
+
+std::string dropInDirectory(const std::string& mac)
+{
+    return std::string(kUnitDirectory) + "/" + unitName(mac) + ".d";
+}
+
+std::string dropInPath(const std::string& mac)
+{
+    return dropInDirectory(mac) + "/credential.conf";
+}
+
 std::string normaliseMac(std::string text)
 {
     return Poco::toLower(Poco::trim(text));

@@ -164,4 +164,13 @@ Poco::AutoPtr<SharedLogChannel> openSessionLog()
     return channel;
 }
 
+std::vector<std::string> sessionLogFiles()
+{
+    std::vector<std::string> files;
+    for (int i = kSessionPurgeCount - 1; i >= 0; --i)
+        files.push_back(std::string(Paths::kLogPath) + "." + std::to_string(i));
+    files.push_back(Paths::kLogPath);
+    return files;
+}
+
 }  // namespace Orvex

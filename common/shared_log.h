@@ -19,6 +19,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "common/raii.h"
 
@@ -55,5 +56,8 @@ private:
 // The log folder (created 0755 if missing) and "orvexd.log" in it, rotated at 100 KiB
 // with two archives, as every session process shares it.
 Poco::AutoPtr<SharedLogChannel> openSessionLog();
+// The files of that log in the order their lines were written: the oldest archive first,
+// the current file last (whether they exist or not).
+std::vector<std::string> sessionLogFiles();
 
 }  // namespace Orvex

@@ -1,12 +1,19 @@
 // orvex-session: the per-device session daemon. One process serves one remote device,
 // named by its MAC address, on the service bus at "@/var/run/orvex/orvex-session@<mac>".
 //
-//   orvex-session -m|--mac MAC [-d|--debug] [-l|--level N]
+//   orvex-session -m|--mac MAC [-d|--debug] [-l|--level N] [--unit]
 //   orvex-session --help | --version
 //
-// Exit status: 0 after an orderly stop (SIGINT/SIGTERM), also for the starter of a
-// detaching run once the MAC is valid, and for --help and --version; 1 for an invalid
-// MAC, a lock held by another instance or any other start-up failure.
+// Exit status: 0 after an orderly stop (SIGINT/SIGTERM), the signout method or a call that
+// failed with a session error, also for the starter of a detaching run once the MAC is
+// valid, and for --help and --version; 1 for an invalid MAC, a lock held by another
+// instance or any other start-up failure, and when the session ends itself on the
+// keep-alive (idle, dead) or a stop outlasts its bound. With --unit (the template unit's
+// instance) 10 instead of 0 after the signout method, and 6 when it has nothing to sign
+// in with (daemon/unit_instance.h).
+//
+// How the process ended is the last record of its status file, on every path, the
+// immediate _exit ones included (common/ending.h), and a line of the log.
 #include <fcntl.h>
 #include <getopt.h>
 #include <malloc.h>
@@ -39,6 +46,7 @@
 #include <Poco/Timer.h>
 #include <Poco/Timestamp.h>
 
+#include "common/ending.h"
 #include "common/misc.h"
 #include "common/paths.h"
 #include "common/shared_log.h"
@@ -47,6 +55,7 @@
 #include "client/lockfile.h"
 #include "daemon/notify.h"
 #include "daemon/status_keeper.h"
+#include "daemon/unit_instance.h"
 #include "methods/service_session.h"
 #include "service/service.h"
 #include "session/session.h"
@@ -68,17 +77,25 @@ constexpr unsigned kShutdownLimitSeconds = 30;
 constexpr int kBusThreads = 2;
 
 const char* const kUsage =
-    "usage: orvex-session -m|--mac MAC [-d|--debug] [-l|--level N]\n"
+    "usage: orvex-session -m|--mac MAC [-d|--debug] [-l|--level N] [--unit]\n"
     "       orvex-session --help | --version\n"
     "Serves one remote storage device, named by its MAC address (six hex pairs joined by\n"
     "':'), on the service bus at @/var/run/orvex/orvex-session@MAC.\n"
     "  -m, --mac MAC    the device (required)\n"
     "  -d, --debug      stay in the foreground and log to the console\n"
     "  -l, --level N    log level 0 (off) to 8 (trace), default 6\n"
+    "      --unit       run as the instance of the unit orvex-session@MAC (with -d): sign\n"
+    "                   in with the settings of orvexctl enable and the unit's password\n"
+    "                   credential, retrying while the device is down\n"
     "  -h, --help       this text\n"
     "      --version    the version\n"
-    "Exit status: 0 after SIGINT/SIGTERM (and for the starter of a detaching run),\n"
-    "1 for an invalid MAC, a lock file held or refused, or another start-up failure.\n";
+    "Exit status:\n"
+    "  0  after SIGINT or SIGTERM, the signout method or a call that failed with a session\n"
+    "     error; for the starter of a detaching run once the MAC is valid\n"
+    "  1  invalid MAC, lock file held or refused, another start-up failure; the session\n"
+    "     ended itself (idle over its limit, dead on the device), or a stop took over 30 s\n"
+    "  6  with --unit: no usable settings, and nobody signed the instance in\n"
+    "  10 with --unit: after the signout method (instead of 0)\n";
 
 struct Options {
     std::string mac;
@@ -86,17 +103,95 @@ struct Options {
     int32_t level = 6;
     bool help = false;
     bool version = false;
+    bool unit = false;
 };
 
 // Read by onSignal on the bus loop thread; set once before the loop starts.
 zs* g_bus = nullptr;
+// Set once the status file is kept; read by the end paths, signal handlers included.
+std::atomic<StatusKeeper*> g_keeper{nullptr};
+// The signal that asked for the orderly stop, 0 while none did.
+std::atomic<int> g_stopSignal{0};
+
+const char* signalName(int signo)
+{
+    switch (signo) {
+    case SIGTERM: return "SIGTERM";
+    case SIGINT: return "SIGINT";
+    case SIGSEGV: return "SIGSEGV";
+    case SIGBUS: return "SIGBUS";
+    case SIGILL: return "SIGILL";
+    case SIGFPE: return "SIGFPE";
+    case SIGABRT: return "SIGABRT";
+    default: return "a signal";
+    }
+}
+
+// The last record of the status file and a line of the log; once, in the daemon itself.
+void recordEnd(const char* state, bool abnormal, const std::string& reason)
+{
+    StatusKeeper* keeper = g_keeper.load();
+    if (keeper == nullptr || !keeper->end(state, abnormal, reason))
+        return;
+    std::string line = strformat("[Session] process %d ends, %s: %s", int(::getpid()), state, reason.c_str());
+    if (abnormal)
+        Poco::Logger::root().warning(line);
+    else
+        Poco::Logger::root().information(line);
+}
+
+// A failed sign-in's reason names its cause, as the status had it.
+std::string withSigninCause(const std::string& detail)
+{
+    StatusKeeper* keeper = g_keeper.load();
+    std::string cause = keeper != nullptr && detail.rfind("signin:", 0) == 0 ? keeper->failure() : "";
+    return cause.empty() ? detail : detail + " (" + cause + ")";
+}
+
+// The steps that end the process at once (common/ending.h).
+void onEnding(Ending::Why why, const std::string& detail)
+{
+    switch (why) {
+    case Ending::Why::Signout:
+        return recordEnd("stopped", false, "signout");
+    case Ending::Why::Idle:
+        return recordEnd("ended", false, "timeout (" + detail + ")");
+    case Ending::Why::DeadSession:
+        return recordEnd("ended", true, "not signin (no live session with the device)");
+    case Ending::Why::SessionError:
+        return recordEnd("ended", true, withSigninCause(detail));
+    case Ending::Why::NotConfigured:
+        return recordEnd("ended", true, detail);
+    }
+}
+
+// A fatal signal: recorded as a crash, then the default action (a core where enabled).
+void onFatalSignal(int signo)
+{
+    if (StatusKeeper* keeper = g_keeper.load())
+        keeper->endFromSignal("crashed", true, signalName(signo));
+    ::raise(signo);
+}
+
+void catchFatalSignals()
+{
+    struct sigaction action{};
+    action.sa_handler = onFatalSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESETHAND;
+    for (int signo : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT})
+        sigaction(signo, &action, nullptr);
+}
 
 }  // namespace
 
 void beginShutdown();
 
-void onSignal(int)
+void onSignal(int signo)
 {
+    int none = 0;
+    if (g_stopSignal.compare_exchange_strong(none, signo))
+        Poco::Logger::root().information(strformat("[Session] %s received: stopping", signalName(signo)));
     beginShutdown();
     zs_stop(g_bus);
 }
@@ -130,6 +225,7 @@ Options parseCommandLine(int argc, char** argv)
         {"level", required_argument, nullptr, 'l'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
+        {"unit", no_argument, nullptr, 'U'},
         {nullptr, 0, nullptr, 0},
     };
     Options options;
@@ -144,6 +240,8 @@ Options parseCommandLine(int argc, char** argv)
             options.version = true;
         else if (c == 'd')
             options.debug = true;
+        else if (c == 'U')
+            options.unit = true;
         else if (c == 'l')
             options.level = parseLevel(optarg);
     }
@@ -284,28 +382,35 @@ void connectBus(const std::string& mac)
         // Without the bus nobody can reach this process; do not linger as a silent no-op.
         std::fprintf(stderr, "orvex-session cannot serve on %s.\n", address.c_str());
         Poco::Logger::root().error(strformat("[%s] cannot serve on %s", serviceName.c_str(), address.c_str()));
+        recordEnd("ended", true, "cannot serve on " + address);
         std::exit(1);
     }
 }
 
-// The session's tick, then the status file's last-use time.
+// The session's tick (unless the unit instance's own sign-in still tries), then the
+// status file's last-use time.
 class KeepAlive {
 public:
-    KeepAlive(Session& session, StatusKeeper& status) : session_(session), status_(status) {}
+    KeepAlive(Session& session, StatusKeeper& status, UnitInstance* unit)
+        : session_(session), status_(status), unit_(unit)
+    {
+    }
     void tick(Poco::Timer& timer)
     {
-        session_.alive(timer);
+        if (unit_ == nullptr || unit_->tickMayRun())
+            session_.alive(timer);
         status_.refresh();
     }
 
 private:
     Session& session_;
     StatusKeeper& status_;
+    UnitInstance* unit_;
 };
 
-// The observer shares the keeper: a worker still finishing a call after shutdown may
-// call it after run() has returned.
-void observeSession(Session& session, const std::shared_ptr<StatusKeeper>& status)
+// A worker still finishing a call after shutdown may call the observer after run() has
+// returned: the keeper lives on.
+void observeSession(Session& session, StatusKeeper* status)
 {
     session.setObserver([status](const SessionStatus& now) {
         status->update(now);
@@ -315,6 +420,8 @@ void observeSession(Session& session, const std::shared_ptr<StatusKeeper>& statu
 
 void onShutdownLimit(int)
 {
+    if (StatusKeeper* keeper = g_keeper.load())
+        keeper->endFromSignal("ended", true, "stop took over 30 s");
     _exit(1);
 }
 
@@ -341,7 +448,7 @@ void beginShutdown()
 
 namespace {
 
-void shutdown(Session& session, StatusKeeper& status, std::unique_ptr<LockFile>& lock)
+void shutdown(Session& session, std::unique_ptr<LockFile>& lock)
 {
     beginShutdown();
     try {
@@ -355,7 +462,11 @@ void shutdown(Session& session, StatusKeeper& status, std::unique_ptr<LockFile>&
     zs_free(g_bus);
     g_bus = nullptr;
     session.setObserver(nullptr);
-    status.remove();
+    const int signo = g_stopSignal.load();
+    if (signo != 0)
+        recordEnd("stopped", false, signalName(signo));
+    else
+        recordEnd("ended", true, "the bus loop failed");
     Poco::Logger::shutdown();
     lock.reset();
 }
@@ -382,10 +493,18 @@ int run(int argc, char** argv)
     Service::setServiceName(Paths::serviceName(options.mac));
     registerMethods();
     std::unique_ptr<LockFile> lock = takeLock(options);
-    auto status = std::make_shared<StatusKeeper>(options.mac);
+    // Never freed: the end paths (signal and exit handlers included) may use it last. A
+    // service manager's unit instance is marked: its lines go to the journal.
+    auto* status = new StatusKeeper(options.mac, std::getenv("INVOCATION_ID") != nullptr);
+    g_keeper.store(status);
+    Ending::install(onEnding);
+    catchFatalSignals();
+    // After the keeper: an instance that cannot use its settings ends with a record.
+    std::unique_ptr<UnitInstance> unit =
+        options.unit ? std::make_unique<UnitInstance>(options.mac, session) : nullptr;
     connectBus(options.mac);
     observeSession(session, status);
-    KeepAlive keepAlive(session, *status);
+    KeepAlive keepAlive(session, *status, unit.get());
     // Calls run on the bus's loop threads: the one serving the bus runs what it reads, and
     // the other takes the bus over only while a call (or tick) lasts; the keep-alive ticks
     // come from the bus's timer and run between the calls. The Poco timer only holds the
@@ -398,8 +517,12 @@ int run(int argc, char** argv)
     service.start();
     // The listening socket exists since connectBus: a caller from now on is served.
     Notify::ready();
+    if (unit)
+        unit->start();
     zs_start_threads(g_bus, kBusThreads);
-    shutdown(session, *status, lock);
+    if (unit)
+        unit->stop();
+    shutdown(session, lock);
     return 0;
 }
 
@@ -417,9 +540,11 @@ int main(int argc, char** argv)
     } catch (const Poco::Exception& e) {
         Poco::Logger::root().fatal(
             Orvex::strformat("%s:%d, %s %s", Orvex::trace::baseName(__FILE__), __LINE__, __PRETTY_FUNCTION__, e.message().c_str()));
+        Orvex::recordEnd("ended", true, e.message());
     } catch (const std::exception& e) {
         Poco::Logger::root().fatal(
             Orvex::strformat("%s:%d, %s %s", Orvex::trace::baseName(__FILE__), __LINE__, __PRETTY_FUNCTION__, e.what()));
+        Orvex::recordEnd("ended", true, e.what());
     }
     std::exit(1);
 }

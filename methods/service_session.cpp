@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <atomic>
+
+#include "common/ending.h"
 #include "common/trace.h"
 #include "option/option.h"
 #include "service/misc.h"
@@ -121,6 +124,15 @@ ORVEX_ANSWERING_METHOD(set_device_rsyslog_client_disable, T1, &Session::setRsysl
 
 const char* __signout__ = T0;
 
+namespace {
+std::atomic<int> signoutExitStatus{0};
+}  // namespace
+
+void setSignoutExitStatus(int status)
+{
+    signoutExitStatus.store(status);
+}
+
 void signout(zs_io* io, json_t*& json, int& fd)
 {
     {
@@ -131,7 +143,8 @@ void signout(zs_io* io, json_t*& json, int& fd)
     }
     // The process serves one device session: once it is signed out there is nothing left
     // to serve, so leave at once without the orderly shutdown (no second sign-out).
-    _exit(0);
+    Ending::aboutToEnd(Ending::Why::Signout);
+    _exit(signoutExitStatus.load());
 }
 
 }  // namespace Orvex

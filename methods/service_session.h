@@ -4,7 +4,8 @@
 // empties `json` and reuses it as the reply object, runs one operation of the Session
 // singleton and replies through zs_reply_forward on `io`/`fd`. Handlers catch nothing: the
 // worker that calls them turns exceptions into error replies and releases `json`, `io` and
-// `fd` afterwards. `signout` ends the process with _exit(0) once it has replied.
+// `fd` afterwards. `signout` ends the process with _exit(0) once it has replied (or with
+// the status set by setSignoutExitStatus).
 // Handlers keep no state; they run on whichever worker thread the service chooses.
 #pragma once
 
@@ -32,5 +33,9 @@ namespace Orvex {
     void method(zs_io* io, json_t*& json, int& fd);
 ORVEX_SESSION_METHODS(ORVEX_DECLARE_METHOD)
 #undef ORVEX_DECLARE_METHOD
+
+// The exit status after `signout` (0 unless set): a service manager that restarts the
+// process on every other end must be able to tell that this one was asked for.
+void setSignoutExitStatus(int status);
 
 }  // namespace Orvex

@@ -146,6 +146,7 @@ section "Stopping"
 run "$bin/orvexctl" stop "$legacy_mac"
 run "$bin/orvexctl" call "$legacy_mac" get_device_system_info
 run "$bin/orvexctl" stop --all
+run "$bin/orvexctl" list --all   # how each session ended, and when
 for mac in "$legacy_mac" "$token_mac"; do
   lock=/var/lock/orvex-session@$mac.pid
   for _ in $(seq 100); do flock -n "$lock" true && break; sleep 0.05; done

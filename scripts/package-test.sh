@@ -22,18 +22,10 @@ set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=${ORVEX_PACKAGE_DIR:-$root/out/packages}
 sysroot=${ORVEX_AARCH64_SYSROOT:-$root/build-aarch64-sysroot}
-passed=0
-failed=0
+# shellcheck source=scripts/checks.sh
+source "$root/scripts/checks.sh"
 
 say() { echo "package-test.sh: $*" >&2; }
-pass() { passed=$((passed + 1)); echo "PASS: $1"; }
-fail() { failed=$((failed + 1)); echo "FAIL: $1${2:+ ($2)}"; }
-# check DESCRIPTION COMMAND...: one named check.
-check() {
-  local what=$1
-  shift
-  if "$@"; then pass "$what"; else fail "$what"; fi
-}
 
 # Runs a command without its output, unless it fails.
 silently() {
@@ -325,6 +317,4 @@ for arch in "${archs[@]}"; do
     *) say "unknown architecture '$arch' (amd64 or arm64)"; exit 2 ;;
   esac
 done
-echo "$passed passed, $failed failed"
-[ -n "${ORVEX_TALLY:-}" ] && echo "$passed $failed" > "$ORVEX_TALLY"
-[ $failed = 0 ] && [ $passed -gt 0 ]
+tally

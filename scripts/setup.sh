@@ -9,7 +9,7 @@ packages=(
   lsof iproute2 util-linux procps curl openssl file
   clang libclang-rt-14-dev
   libsystemd-dev dbus ccache gcovr
-  debhelper dpkg-dev lintian systemd man-db
+  debhelper dpkg-dev lintian systemd man-db systemd-container debootstrap
 )
 packages+=("$@")
 missing=()

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # The test command: installs the dependencies, builds and runs every test, then runs the
 # suite again under sanitizers, smoke-fuzzes each fuzz target, cross-builds for aarch64
-# and runs the unit tests there under qemu, and builds and checks the .deb packages in an
-# isolated root. It changes nothing installed on the machine.
+# and runs the unit tests there under qemu, builds and checks the .deb packages in an
+# isolated root, and checks the unit under a real systemd in a throw-away container. It
+# changes nothing installed on the machine.
 #
-#   scripts/test.sh [STAGE...]     stages: native asan tsan fuzz cross package (default: all)
+#   scripts/test.sh [STAGE...]     stages: native asan tsan fuzz cross package systemd
+#                                  (default: all)
 #
 # Pass or fail comes from exit statuses only: any failing build, test, sanitizer report
 # or check in any stage makes the command exit 1. The closing line
@@ -18,7 +20,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit 1
 stages=("$@")
-[ ${#stages[@]} -gt 0 ] || stages=(native asan tsan fuzz cross package)
+[ ${#stages[@]} -gt 0 ] || stages=(native asan tsan fuzz cross package systemd)
 jobs=$(nproc)
 passed=0
 failed=0
@@ -28,8 +30,8 @@ say() { echo "== test.sh [$(( SECONDS - started ))s] $*"; }
 
 for stage in "${stages[@]}"; do
   case $stage in
-    native|asan|tsan|fuzz|cross|package) ;;
-    *) echo "test.sh: unknown stage '$stage' (native asan tsan fuzz cross package)" >&2; exit 2 ;;
+    native|asan|tsan|fuzz|cross|package|systemd) ;;
+    *) echo "test.sh: unknown stage '$stage' (native asan tsan fuzz cross package systemd)" >&2; exit 2 ;;
   esac
 done
 
@@ -159,22 +161,39 @@ stage_cross() {
   run_ctest "$junit" bash scripts/cross-test.sh --no-build --no-tests=error --output-junit "$junit"
 }
 
-# Builds both .deb packages and checks them; the amd64 one is installed, run and purged
-# inside a private root (scripts/package-test.sh), never on this machine.
-stage_package() {
+# tallied SCRIPT: a check script that writes "PASSED FAILED" to $ORVEX_TALLY; its checks
+# count as tests.
+tallied() {
   local tally rc=0 p=0 f=0
-  step "packages" bash scripts/package.sh || return 1
   tally=$(mktemp /tmp/orvex-test-tally.XXXXXX) || return 1
-  ORVEX_TALLY=$tally bash scripts/package-test.sh || rc=$?
+  ORVEX_TALLY=$tally bash "$1" || rc=$?
   read -r p f < "$tally" 2>/dev/null
   rm -f "$tally"
   passed=$(( passed + ${p:-0} ))
   failed=$(( failed + ${f:-0} ))
   if [ "$rc" != 0 ]; then
     [ "${f:-0}" -gt 0 ] || failed=$(( failed + 1 ))
-    say "FAILED: scripts/package-test.sh (exit $rc)"
+    say "FAILED: $1 (exit $rc)"
     return 1
   fi
+}
+
+# Builds both .deb packages and checks them; the amd64 one is installed, run and purged
+# inside a private root (scripts/package-test.sh), never on this machine.
+packages_built=0
+stage_package() {
+  step "packages" bash scripts/package.sh || return 1
+  packages_built=1
+  tallied scripts/package-test.sh
+}
+
+# The amd64 packages in a container booted with a real systemd (scripts/systemd-test.sh);
+# built here unless the package stage of this run built them.
+stage_systemd() {
+  if [ "$packages_built" != 1 ]; then
+    step "packages (amd64)" bash scripts/package.sh amd64 || return 1
+  fi
+  tallied scripts/systemd-test.sh
 }
 
 status=0

@@ -205,7 +205,6 @@ void Service::setTick(std::function<void()> tick)
 void Service::tick()
 {
     unboundedWorker_.requestTick();
-    unboundedWorker_.drain();
 }
 
 bool Service::used(const AbstractWorker* worker) const
@@ -282,7 +281,6 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
     JsonRef args = JsonRef::adopt(readArguments(io));
     const char* name = method != nullptr ? method : "";
     std::string kept;
-    AbstractWorker* worker = nullptr;
     try {
         json_t* raw = args.get();
         Endpoint* endpoint = findEndpoint(method, raw);
@@ -301,16 +299,12 @@ void Service::dispatch(const char* method, zs_io* io, int fd)
         }
         endpoint->worker->dispatch(endpoint, args.get(), name, io, fd, bytes);
         args.release();  // the worker owns it now
-        worker = endpoint->worker;
     } catch (Poco::Exception& e) {
         failCall(io, fd, e.code(), e.message().c_str());
     } catch (...) {
         failCall(io, fd, 500, "");
         Poco::Bugcheck::unexpected(__FILE__, __LINE__);
     }
-    // Outside the try: the call belongs to the worker now, whatever happens next.
-    if (worker != nullptr)
-        worker->drain();
 }
 
 // Runs in a forked child: no trace, no singleton lock.

@@ -1,5 +1,6 @@
 #include "service/worker.h"
 
+#include "common/ending.h"
 #include "common/exceptions.h"
 #include "common/misc.h"
 #include "common/trace.h"
@@ -89,27 +90,8 @@ void closeAllBut(int a, int b)
 }  // namespace
 
 WorkerTask::WorkerTask(int fd, zs_io* io, json_t* args, const char* method, Function function, size_t bytes)
-    : fd(fd),
-      io(io),
-      args(args),
-      method(method != nullptr ? method : ""),
-      function(function),
-      bytes(bytes),
-      hadCaller(channelSocket(io) >= 0),
-      queuedAt(std::chrono::steady_clock::now())
+    : fd(fd), io(io), args(args), method(method != nullptr ? method : ""), function(function), bytes(bytes)
 {
-}
-
-bool WorkerTask::callerGone() const
-{
-    return hadCaller && !zs_io_alive(io);
-}
-
-// A call taken at once cannot have lost its caller in between: the liveness check (a
-// system call) is left to calls that waited behind others.
-bool WorkerTask::waitedAndCallerGone() const
-{
-    return std::chrono::steady_clock::now() - queuedAt >= kWaitedLong && callerGone();
 }
 
 void releaseCall(json_t* args, int fd, zs_io* io) noexcept
@@ -142,6 +124,7 @@ void AbstractWorker::invoke(Function function, json_t* args, const char* method,
             // A broken device session ends the daemon at once, without an orderly stop.
             zs_reply_json(io, fd, nullptr, e.code(), e.message().c_str());
             ORVEX_TRACE_POINT(":leave");
+            Ending::aboutToEnd(Ending::Why::SessionError, std::string(method ? method : "") + ": " + e.message());
             ::_exit(0);
         } catch (MySQL::Exception& e) {
             ORVEX_WORKER_LOG(Poco::Message::PRIO_FATAL, "[AbstractWorker] (%d) %s", e.code(), e.message().c_str());
@@ -165,43 +148,49 @@ void PthreadWorker::dispatch(Endpoint* endpoint, json_t* args, const char* metho
 {
     ORVEX_TRACE();
     const char* name = method != nullptr ? method : "";
-    std::unique_lock<std::mutex> lock(dispatchMutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     if (stopped_.load()) {
         lock.unlock();
         refuse(args, io, fd, kStoppedCode, kStoppedMessage);
         return;
     }
-    if (overBytes(bytes))
-        dropGoneCallers();
-    const size_t queued = queue_.size();
     if (overBytes(bytes)) {
         ORVEX_WORKER_LOG(Poco::Message::PRIO_WARNING, "[PthreadWorker] queue holds %zu bytes: %s refused with 429",
             queuedBytes_.load(), name);
-    } else if (maxQueueLength_ != 0 && queued >= maxQueueLength_) {
+    } else if (maxQueueLength_ != 0 && queue_.size() >= maxQueueLength_) {
         ORVEX_WORKER_LOG(Poco::Message::PRIO_WARNING, "[PthreadWorker] queue full (%llu calls): %s refused with 429",
             static_cast<unsigned long long>(maxQueueLength_), name);
-    } else if (inline_ && queued == 0 && claimDrain()) {
-        // Nothing waits and nobody runs calls: taking it now is what the queue would do,
-        // without a task to allocate, queue and take back. The caller's drain() runs
-        // whatever came in meanwhile.
-        lock.unlock();
-        runCall(endpoint->function, args, name, io, fd);
-        draining_.store(false);
-        return;
     } else {
         queuedBytes_ += bytes;
-        Poco::Notification::Ptr task(new WorkerTask(fd, io, args, method, endpoint->function, bytes));
-        queue_.enqueueNotification(task, endpoint->ticktock);
+        Poco::AutoPtr<WorkerTask> task(new WorkerTask(fd, io, args, method, endpoint->function, bytes));
+        if (!inline_ || !waiting_) {
+            queue_.enqueueNotification(task, endpoint->ticktock);
+            return;
+        }
+        // Handed over to the waiting worker: no queue, no turn.
+        waiting_ = false;
+        if (running_) {
+            handedOff_ = task;  // the tick running now is followed by this call
+            return;
+        }
+        running_ = true;
+        lock.unlock();
+        serve(task);
         return;
     }
     lock.unlock();
     refuse(args, io, fd, 429, "");
 }
 
-bool PthreadWorker::claimDrain()
+void PthreadWorker::setInline(bool on)
 {
-    bool idle = false;
-    return draining_.compare_exchange_strong(idle, true);
+    std::lock_guard<std::mutex> lock(mutex_);
+    inline_ = on;
+    if (!on || waiting_)
+        return;
+    // A worker thread's first look finds the queue empty, which switches the turn.
+    queue_.dequeueNotification();
+    waiting_ = true;
 }
 
 bool PthreadWorker::overBytes(size_t bytes) const
@@ -215,32 +204,22 @@ void PthreadWorker::refuse(json_t* args, zs_io* io, int fd, int code, const char
     releaseCall(args, fd, io);
 }
 
-// Calls whose callers hung up while queued give their memory back before anyone is refused.
-void PthreadWorker::dropGoneCallers()
-{
-    auto gone = queue_.removeIf([](Poco::Notification* n) {
-        auto* task = dynamic_cast<WorkerTask*>(n);
-        return task != nullptr && task->callerGone();
-    });
-    for (auto& notification : gone) {
-        auto* task = static_cast<WorkerTask*>(notification.get());
-        queuedBytes_ -= task->bytes;
-        releaseCall(task->args, task->fd, task->io);
-    }
-}
-
 void PthreadWorker::stop()
 {
     ORVEX_TRACE();
+    Poco::AutoPtr<WorkerTask> handedOff;
     {
-        std::lock_guard<std::mutex> lock(dispatchMutex_);
+        std::lock_guard<std::mutex> lock(mutex_);
         stopped_.store(true);
+        handedOff = std::move(handedOff_);
     }
     {
         // A tick already running finishes before what it uses is torn down.
         std::lock_guard<std::mutex> wait(tickMutex_);
     }
     auto queued = queue_.removeIf([](Poco::Notification* n) { return dynamic_cast<WorkerTask*>(n) != nullptr; });
+    if (handedOff)
+        queued.push_back(handedOff);
     for (auto& notification : queued) {
         auto* task = static_cast<WorkerTask*>(notification.get());
         queuedBytes_ -= task->bytes;
@@ -248,17 +227,16 @@ void PthreadWorker::stop()
     }
 }
 
-namespace {
-
-// Asks the worker to run its tick; not a call, so stop() leaves it and it never ends run().
-class TickTask : public Poco::Notification {
-};
-
-}  // namespace
-
 void PthreadWorker::requestTick()
 {
-    queue_.enqueueUrgentNotification(new TickTask, TicktockQueue::TICK);
+    std::unique_lock<std::mutex> lock(mutex_);
+    poco_assert_msg(inline_, "ticks are served by inline workers only");
+    tickPending_ = true;
+    if (running_)
+        return;  // the thread running calls serves it before its next call
+    running_ = true;
+    lock.unlock();
+    serve(nullptr);
 }
 
 void PthreadWorker::runTick()
@@ -275,23 +253,10 @@ void PthreadWorker::runTick()
     }
 }
 
-bool PthreadWorker::runOne(Poco::Notification* notification)
+void PthreadWorker::runTask(WorkerTask& task)
 {
-    if (dynamic_cast<TickTask*>(notification) != nullptr) {
-        runTick();
-        return true;
-    }
-    WorkerTask* task = dynamic_cast<WorkerTask*>(notification);
-    if (task == nullptr)
-        return false;
-    queuedBytes_ -= task->bytes;
-    if (task->waitedAndCallerGone()) {
-        // Nobody waits for the answer any more: the call is not run.
-        releaseCall(task->args, task->fd, task->io);
-        return true;
-    }
-    runCall(task->function, task->args, task->method.c_str(), task->io, task->fd);
-    return true;
+    queuedBytes_ -= task.bytes;
+    runCall(task.function, task.args, task.method.c_str(), task.io, task.fd);
 }
 
 void PthreadWorker::runCall(Function function, json_t* args, const char* method, zs_io* io, int fd)
@@ -311,27 +276,43 @@ void PthreadWorker::run()
     mysql_thread_init();
     for (;;) {
         Poco::Notification::Ptr notification = queue_.waitDequeueNotification();
-        if (notification.isNull() || !runOne(notification.get()))
+        auto* task = dynamic_cast<WorkerTask*>(notification.get());
+        if (task == nullptr)
             break;
+        runTask(*task);
     }
     mysql_thread_end();
 }
 
-// The thread that finds nothing left clears the flag, then looks once more: a call queued
-// by another thread after the last look but before the clearing is its to run.
-void PthreadWorker::drain()
+void PthreadWorker::serve(Poco::AutoPtr<WorkerTask> call)
 {
-    if (!inline_)
-        return;
+    bool tick = false;
     for (;;) {
-        if (!claimDrain())
-            return;
-        while (Poco::Notification::Ptr notification = queue_.dequeueNotification())
-            runOne(notification.get());
-        draining_.store(false);
-        if (queue_.size() == 0)
+        if (tick)
+            runTick();
+        if (call)
+            runTask(*call);
+        call = nullptr;
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!nextWork(call, tick))
             return;
     }
+}
+
+// A pending tick comes first, then a call handed over during it; a worker that waits
+// stays waiting; otherwise the queue's next call, and none left means waiting again.
+bool PthreadWorker::nextWork(Poco::AutoPtr<WorkerTask>& call, bool& tick)
+{
+    tick = std::exchange(tickPending_, false);
+    if (!tick && handedOff_)
+        call = std::move(handedOff_);
+    else if (!tick && !waiting_) {
+        Poco::Notification::Ptr next = queue_.dequeueNotification();
+        call = next.cast<WorkerTask>();
+        waiting_ = call.isNull();
+    }
+    running_ = tick || call;
+    return running_;
 }
 
 void PthreadWorker::wakeUpAll()

@@ -16,7 +16,6 @@
 #include <jansson.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -45,10 +44,6 @@ public:
     // A SessionException ends the whole process with _exit(0) after its reply.
     void invoke(Function function, json_t* args, const char* method, zs_io* io, int fd);
 
-    // For a worker whose calls run on the threads that dispatch them: runs what is queued
-    // on the calling thread. Others have nothing to do here.
-    virtual void drain() {}
-
 protected:
     // Workers are members of the service, never deleted through this base.
     ~AbstractWorker() = default;
@@ -65,26 +60,24 @@ public:
     json_t* args;
     std::string method;
     Function function;
-    size_t bytes;     // counted in the worker's queued bytes
-    bool hadCaller;   // io came with a caller's connection (not a scratch buffer)
-    std::chrono::steady_clock::time_point queuedAt;
-
-    // True when the call came from a caller who has hung up since: nobody waits for it.
-    bool callerGone() const;
-    // The same, checked only for a call that waited at least kWaitedLong.
-    bool waitedAndCallerGone() const;
-    static constexpr std::chrono::milliseconds kWaitedLong{1};
+    size_t bytes;  // counted in the worker's queued bytes
 
 protected:
     ~WorkerTask() override = default;
 };
 
 // Queues calls for the one thread that runs it (start it once on a pool), or, run
-// inline, for whichever dispatching thread drains it, one at a time. A non-zero
-// limit refuses a call with 429 once that many are waiting; so does a queue holding more
-// than kMaxQueuedBytes of call bodies after the calls whose callers hung up are dropped.
-// A call whose caller hung up while it waited is dropped instead of run. dispatch runs on
-// the bus thread and never waits for a handler.
+// inline, for whichever dispatching thread finds it waiting, one call at a time. A
+// non-zero limit refuses a call with 429 once that many are waiting; so does a queue
+// holding more than kMaxQueuedBytes of call bodies. Every call accepted is run, also when
+// its caller has hung up meanwhile (the change still reaches the device; nobody gets the
+// reply). dispatch runs on the bus thread and never waits for a queued handler.
+//
+// Inline, the worker behaves as its thread would: it is either busy or waiting, and a
+// call that finds it waiting is handed over directly and runs at once on the dispatching
+// thread, leaving the tick-tock turn alone; a call that finds it busy is queued. When a
+// call ends, the next one is taken by the tick-tock rule; finding none, the worker waits
+// again (that empty take switches the turn, as a thread's look at an empty queue does).
 class PthreadWorker : public AbstractWorker, public Poco::Runnable {
 public:
     static constexpr size_t kMaxQueuedBytes = 64u << 20;
@@ -97,16 +90,16 @@ public:
 
     void dispatch(Endpoint* endpoint, json_t* args, const char* method, zs_io* io, int fd,
                   size_t bytes = 0) override;
-    // Calls run on the threads that dispatch them instead (see drain); set before use.
-    void setInline(bool on) { inline_ = on; }
+    // Calls run on the threads that dispatch them instead of on a thread of the worker's
+    // own; set once, before the first call. The worker then starts waiting for its first
+    // call, as its thread would when started.
+    void setInline(bool on);
     bool isInline() const { return inline_; }
-    // Inline: runs queued calls, and ticks, on the calling thread until none is left,
-    // unless another thread is already doing so (that one takes them): never two at once.
-    void drain() override;
     // What requestTick runs, between two calls; set before use.
     void setTick(std::function<void()> tick) { tick_ = std::move(tick); }
-    // Queues one run of the tick ahead of the waiting calls; it runs on the worker's
-    // thread (or the next drain), never beside a call and never after stop().
+    // Inline only: runs the tick once, between two calls and never beside one, on the
+    // thread running calls now or, if the worker waits, on the calling thread; never after
+    // stop(). The tick is no call: it neither takes from the queue nor moves the turn.
     void requestTick();
     // Takes calls until woken by wakeUpAll or handed a notification that is no call.
     void run() override;
@@ -120,24 +113,29 @@ public:
     void stop();
 
 private:
-    // Runs one taken notification: false for one that ends run().
-    bool runOne(Poco::Notification* notification);
+    // Inline: runs first (may be null), then every pending tick and call, until the worker
+    // waits again. The calling thread must have claimed running_.
+    void serve(Poco::AutoPtr<WorkerTask> first);
+    // Under mutex_: what serve runs next, or false once the worker waits (running_ off).
+    bool nextWork(Poco::AutoPtr<WorkerTask>& call, bool& tick);
+    void runTask(WorkerTask& task);
     // invoke, surviving an error reply that could not be sent.
     void runCall(Function function, json_t* args, const char* method, zs_io* io, int fd);
     void runTick();
     bool overBytes(size_t bytes) const;
-    // Makes the calling thread the one that runs calls, unless another one is.
-    bool claimDrain();
-    void dropGoneCallers();
     void refuse(json_t* args, zs_io* io, int fd, int code, const char* message);
 
     uint64_t maxQueueLength_;
     std::atomic<size_t> queuedBytes_{0};
     std::atomic<bool> stopped_{false};
     TicktockQueue queue_;
-    std::mutex dispatchMutex_;  // the length check and the enqueue, for several dispatchers
+    // Guards the limit checks with the enqueue, and the inline state below.
+    std::mutex mutex_;
     bool inline_ = false;
-    std::atomic<bool> draining_{false};
+    bool waiting_ = false;                 // inline: the worker waits for a call
+    bool running_ = false;                 // inline: a thread runs calls or a tick now
+    bool tickPending_ = false;             // inline: requestTick not yet served
+    Poco::AutoPtr<WorkerTask> handedOff_;  // inline: handed over while a tick still ran
     std::function<void()> tick_;
     std::mutex tickMutex_;  // held while the tick runs, so stop() can wait for it
 };

@@ -2,6 +2,7 @@
 // client-side operations on per-device processes.
 #include "session/session.h"
 
+#include "common/ending.h"
 #include "common/misc.h"
 #include "common/trace.h"
 #include "client/control.h"
@@ -19,9 +20,7 @@ using session_detail::Cause;
 
 namespace {
 
-constexpr time_t kIdleLimit = 600;
-
-[[noreturn]] void endProcess(Session& session, const char* reason)
+[[noreturn]] void endProcess(Session& session, const char* reason, Ending::Why why, const std::string& detail = "")
 {
     Poco::Logger::root().warning(strformat("[Session] %s", reason));
     try {
@@ -31,6 +30,7 @@ constexpr time_t kIdleLimit = 600;
         // linger with a dead session and retry on every tick.
         Poco::Logger::root().warning(strformat("[Session] signout: %s", e.displayText().c_str()));
     }
+    Ending::aboutToEnd(why, detail);
     _exit(1);
 }
 
@@ -47,6 +47,7 @@ bool Session::signin(json_t*& out, SigninOption& opt)
     ORVEX_TRACE();
     Lock lock(mutex);
     Published published{*this};
+    signedOut = false;
     stepFailure = Cause::None;
     try {
         signoutFamily();
@@ -61,24 +62,51 @@ bool Session::signin(json_t*& out, SigninOption& opt)
     password = opt.pass;
     // What the device spoke before does not decide the TLS 1.1 fallback of a new sign-in.
     tls.reset();
-    Cause legacy = attempt(&Session::_nvx_signin, "legacy");
-    Cause token = legacy == Cause::None ? Cause::None : attempt(&Session::_zem_signin, "token");
+    Cause legacy = attempt(&Session::_nvx_signin);
+    Cause token = legacy == Cause::None ? Cause::None : attempt(&Session::_zem_signin);
     signinFailure = std::min(legacy, token) == Cause::None ? Cause::None : std::max(legacy, token);
+    logSignin(legacy, token);
     if (signinFailure != Cause::None)
         throw SessionException("signin fail", 403);
     getSystemInfo(out);
     return true;
 }
 
-Session::Cause Session::attempt(bool (Session::*step)(), const char* familyName)
+Session::Cause Session::attempt(bool (Session::*step)())
 {
     stepFailure = Cause::None;
     if ((this->*step)())
         return Cause::None;
-    Cause cause = stepFailure == Cause::None ? Cause::BadAnswer : stepFailure;
-    Poco::Logger::root().warning(strformat("[Session] %s sign-in at %s:%u failed: %s", familyName, host.c_str(),
-                                           port, session_detail::causeText(cause)));
-    return cause;
+    return stepFailure == Cause::None ? Cause::BadAnswer : stepFailure;
+}
+
+// Each family that failed is a warning when the sign-in fails. A legacy attempt that fails
+// before the token family signs in is how the family is found, not a fault.
+void Session::logSignin(Cause legacy, Cause token)
+{
+    Poco::Logger& log = Poco::Logger::root();
+    auto failed = [this](const char* familyName, Cause cause) {
+        return strformat("[Session] %s sign-in at %s:%u failed: %s", familyName, host.c_str(), port,
+                         session_detail::causeText(cause));
+    };
+    if (legacy != Cause::None && token == Cause::None)
+        log.debug(failed("legacy", legacy));
+    else if (legacy != Cause::None)
+        log.warning(failed("legacy", legacy));
+    if (token != Cause::None)
+        log.warning(failed("token", token));
+    else
+        log.information(strformat("[Session] signed in to %s device %s:%u (%s)", legacy == Cause::None ? "legacy" : "token",
+                                  host.c_str(), port, secure ? "https" : "http"));
+}
+
+bool Session::signinUnlessSignedIn(json_t*& out, SigninOption& opt)
+{
+    ORVEX_TRACE();
+    Lock lock(mutex);
+    if (!sid.empty() && !signedOut)
+        return false;
+    return signin(out, opt);
 }
 
 bool Session::signout()
@@ -86,6 +114,7 @@ bool Session::signout()
     ORVEX_TRACE();
     Lock lock(mutex);
     Published published{*this};
+    signedOut = true;
     return signoutFamily();
 }
 
@@ -124,11 +153,17 @@ void Session::alive(Poco::Timer&)
 {
     ORVEX_TRACE();
     Lock lock(mutex);
-    if (time(nullptr) - lastAccess.load() > kIdleLimit)
-        endProcess(*this, "timeout");
+    const time_t limit = idleLimit.load();
+    if (limit > 0 && time(nullptr) - lastAccess.load() > limit)
+        endProcess(*this, "timeout", Ending::Why::Idle, strformat("idle over %lld s", static_cast<long long>(limit)));
     if (!sid.empty() && (_zem_alive() || _nvx_alive()))
         return;
-    endProcess(*this, "not signin");
+    endProcess(*this, "not signin", Ending::Why::DeadSession);
+}
+
+void Session::setIdleLimit(time_t seconds)
+{
+    idleLimit.store(seconds);
 }
 
 // The client side lives apart from the device protocols (bus clients link only that).

@@ -92,12 +92,19 @@ public:
     // when the preceding sign-out cannot reach the old device. Each failed family logs a
     // warning naming the device address and the cause.
     bool signin(json_t*& out, SigninOption& opt);
-    // The family's own sign-out; false without a request when no family is known.
+    // The same unless a session is already held (whoever signed in first, a caller of the
+    // signin method above all, wins): then false without a request. For the process's own
+    // sign-in from its stored settings.
+    bool signinUnlessSignedIn(json_t*& out, SigninOption& opt);
+    // The family's own sign-out; false without a request when no family is known. The
+    // status says signed out from then on, also for the legacy family, whose fields stay.
     bool signout();
     // Sets "model", "serial", "firmware" and "hostname" in "out"; other members stay.
     void getSystemInfo(json_t*& out);
-    // Keep-alive tick: ends the process (_exit(1)) when idle for over 600 s or dead.
+    // Keep-alive tick: ends the process (_exit(1)) when idle for over the idle limit or dead.
     void alive(Poco::Timer& timer);
+    // The idle limit in seconds, 600 unless set; 0: never idle.
+    void setIdleLimit(time_t seconds);
 
     // Per-device processes over the service bus (forwarded to Orvex::Control, which bus
     // clients use directly); each result replaces the object's content.
@@ -140,8 +147,10 @@ private:
                     const std::function<std::string()>& target, const std::function<std::string()>& body = nullptr);
     // The text with the password, session id and tokens (known or in the answer) hidden.
     std::string redacted(std::string text) const;
-    // One family's sign-in; Cause::None on success, else the cause, logged.
-    Cause attempt(bool (Session::*step)(), const char* family);
+    // One family's sign-in; Cause::None on success, else the cause.
+    Cause attempt(bool (Session::*step)());
+    // The outcome of a sign-in's attempts (token None unless legacy failed).
+    void logSignin(Cause legacy, Cause token);
     // Records the cause of a failed sign-in step (a transport cause found first stays).
     bool failStep(Cause cause);
     // A family step's rules, run so that anything thrown (no answer, one that does not parse)
@@ -190,6 +199,9 @@ private:
     };
     IdentityJson modelJson, serialJson, firmwareJson, hostnameJson;
     std::atomic<time_t> lastAccess{0};
+    std::atomic<time_t> idleLimit{600};
+    // Set by signout(), cleared by signin(): a legacy sign-out leaves the session id.
+    bool signedOut = false;
     std::unique_ptr<session_detail::TlsClient> tls;
     int lastStatus = 0;
     Cause stepFailure{};

@@ -178,6 +178,7 @@ void Session::reset()
     Lock lock(mutex);
     clearFields();
     tls.reset();
+    signedOut = false;
     signinFailure = Cause::None;
     publish(false);
 }
@@ -214,7 +215,8 @@ void Session::setObserver(std::function<void(const SessionStatus&)> fn)
 void Session::publish(bool notify)
 {
     SessionStatus now{int(family), host,     port,     secure,   model,
-                      serial,      firmware, hostname, !sid.empty(), session_detail::causeName(signinFailure)};
+                      serial,      firmware, hostname, !sid.empty() && !signedOut,
+                      session_detail::causeName(signinFailure)};
     std::function<void(const SessionStatus&)> fn;
     {
         std::lock_guard<std::mutex> guard(statusMutex);

@@ -21,71 +21,7 @@
 namespace Orvex::Test {
 namespace {
 
-std::vector<std::string> lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    size_t start = 0;
-    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
-        out.push_back(text.substr(start, end - start));
-    return out;
-}
-
-bool contains(const std::string& text, const std::string& part)
-{
-    return text.find(part) != std::string::npos;
-}
-
-RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-    const std::string& input = "")
-{
-    std::vector<std::string> argv = {ctlBinary()};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run(argv, env, input);
-}
-
-class Fleet : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        ORVEX_REQUIRE_ISOLATION();
-        installDaemon();
-        // Each test sees only its own sessions, also when several run in one namespace.
-        killSessions();
-        for (const std::string& folder : {std::string(Paths::kStatusDirectory), folderOf(lockPath("x"))}) {
-            std::error_code absent;
-            for (const auto& entry : std::filesystem::directory_iterator(folder, absent))
-                if (entry.path().filename().string().rfind(Paths::kServicePrefix, 0) == 0)
-                    std::filesystem::remove(entry.path());
-        }
-    }
-    static std::string folderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
-    void TearDown() override { killSessions(); }
-
-    // The front end launches the daemon from the (private) /usr/local/sbin; a new file
-    // renamed over the old one, as a package upgrade does.
-    static void installDaemon()
-    {
-        std::string next = std::string(Paths::kDaemonPath) + ".new";
-        std::filesystem::copy_file(daemonBinary(), next, std::filesystem::copy_options::overwrite_existing);
-        chmod(next.c_str(), 0755);
-        std::filesystem::rename(next, Paths::kDaemonPath);
-    }
-
-    // The password from DEVICE_PASS through --pass-env; extra {} leaves it to ORVEX_PASS.
-    static RunResult start(const std::string& mac, int port, const std::string& pass, bool secure,
-        const std::vector<std::string>& extra = {"--pass-env", "DEVICE_PASS"}, const std::string& input = "")
-    {
-        std::vector<std::string> args = {"start", mac, "--ip", "127.0.0.1", "--port", std::to_string(port), "--user",
-            "admin"};
-        if (secure)
-            args.push_back("--secure");
-        args.insert(args.end(), extra.begin(), extra.end());
-        std::vector<std::string> env;
-        if (!pass.empty())
-            env = {"DEVICE_PASS=" + pass, "ORVEX_PASS=" + pass};
-        return ctl(args, env, input);
-    }
-};
+using Fleet = FrontEndTest;
 
 TEST_F(Fleet, StartsCallsAndStopsOneDevice)
 {
@@ -102,14 +38,16 @@ TEST_F(Fleet, StartsCallsAndStopsOneDevice)
     EXPECT_EQ(added.out, "{\"success\":true,\"id\":1}\n");
     RunResult listed = ctl({"call", "00:11:22:33:44:AA", "get_device_rsyslog_client"});
     EXPECT_TRUE(contains(listed.out, "192.0.2.1")) << listed.out;
-    // An error reply is printed and exits 1; a device's own 404 is data, not a failed call.
+    // An error reply is printed and exits 1; the device's own "success":false exits 6.
     RunResult bad = ctl({"call", mac, "set_device_rsyslog_client", "{}"});
     EXPECT_EQ(bad.status, 1);
     EXPECT_EQ(bad.out, "{\"error_code\":400,\"error_message\":\"id missed\"}\n");
     EXPECT_EQ(bad.err, "orvexctl: set_device_rsyslog_client on " + mac + " failed: id missed (error 400)\n");
     RunResult unknown = ctl({"call", mac, "del_device_rsyslog_client", R"({"id":42})"});
-    EXPECT_EQ(unknown.status, 0) << unknown.err;
+    EXPECT_EQ(unknown.status, 6) << unknown.err;
     EXPECT_TRUE(contains(unknown.out, "no client with id 42")) << unknown.out;
+    EXPECT_EQ(unknown.err, "orvexctl: del_device_rsyslog_client on " + mac +
+                               " failed: the device answered \"success\":false (no client with id 42)\n");
 
     RunResult stopped = ctl({"stop", mac});
     EXPECT_EQ(stopped.status, 0) << stopped.err;
@@ -169,8 +107,9 @@ TEST_F(Fleet, ListAndStatusShowRunningDeadAndHungSessionsWithoutCallingThem)
         0u) << rows[0];
     EXPECT_TRUE(contains(rows[0], "legacy 127.0.0.1:" + std::to_string(running.device.port()))) << rows[0];
     EXPECT_TRUE(contains(rows[0], "model=") && contains(rows[0], " idle ")) << rows[0];
-    EXPECT_EQ(rows[1], "02:00:00:00:02:02 pid " + std::to_string(dead.daemon.process().pid()) + " exited");
-    EXPECT_TRUE(contains(rows[2], " running (stopped) ") && contains(rows[2], "token") && contains(rows[2], " https"))
+    EXPECT_EQ(rows[1].rfind("02:00:00:00:02:02 pid " + std::to_string(dead.daemon.process().pid()) +
+                  " crashed: no end record (killed or crashed) (last seen at ", 0), 0u) << rows[1];
+    EXPECT_TRUE(contains(rows[2], " running (suspended) ") && contains(rows[2], "token") && contains(rows[2], " https"))
         << rows[2];
 
     RunResult status = ctl({"status", "02:00:00:00:02:01", "--json"});
@@ -207,7 +146,22 @@ TEST_F(Fleet, StopAllEndsHungAndUpgradedSessionsWithoutLsofInSbin)
         << stopped.out;
     EXPECT_EQ(hung.process().wait(2s), 0) << "SIGTERM with SIGCONT ends a stopped process in order\n" << hung.log();
     EXPECT_EQ(upgraded.process().wait(2s), 0) << upgraded.log();
-    EXPECT_EQ(lines(ctl({"list"}).out).size(), 2u);
+    std::vector<std::string> ended = lines(ctl({"list", "--all"}).out);
+    ASSERT_EQ(ended.size(), 2u);
+    EXPECT_TRUE(contains(ended[0], " stopped: SIGTERM (at ")) << ended[0];
+    EXPECT_EQ(ctl({"list"}).out, "") << "stopped sessions are listed with --all only";
+}
+
+TEST_F(Fleet, StopKillsASessionThatOutlivesSigtermAndTheGrace)
+{
+    // The device holds the sign-out that SIGTERM's shutdown makes: the process lives on
+    // for the exchange's whole deadline unless it is killed.
+    SignedIn held("token", false, "02:00:00:00:03:03", {"--delay-path", "/zem/oauth/logout:20000"});
+    const pid_t pid = held.daemon.process().pid();
+    RunResult stopped = ctl({"stop", "--all", "--grace", "1"});
+    EXPECT_EQ(stopped.status, 0) << stopped.out << stopped.err;
+    EXPECT_EQ(stopped.out, "02:00:00:00:03:03 pid " + std::to_string(pid) + " ended (SIGKILL)\n") << stopped.err;
+    EXPECT_EQ(held.daemon.process().wait(2s), 128 + SIGKILL);
 }
 
 TEST_F(Fleet, StartKeepsThePasswordOutOfTheProcessListAndTheDaemon)
@@ -263,7 +217,7 @@ TEST_F(Fleet, AStrangersDecoyIsNeitherListedAsRunningNorSignalled)
 {
     const std::string decoyMac = "02:00:00:00:06:01";
     const std::string lock = lockPath(decoyMac);
-    ASSERT_EQ(chmod(folderOf(lock).c_str(), 01777), 0);
+    ASSERT_EQ(chmod(std::filesystem::path(lock).parent_path().c_str(), 01777), 0);
     TempDir dir;
     ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
     const std::string decoy = dir.file(Paths::kServicePrefix);
@@ -274,10 +228,12 @@ TEST_F(Fleet, AStrangersDecoyIsNeitherListedAsRunningNorSignalled)
     Daemon genuine("02:00:00:00:06:02", {}, Paths::kDaemonPath);
     ASSERT_TRUE(genuine.ready()) << genuine.log();
 
-    std::vector<std::string> rows = lines(ctl({"list"}).out);
-    ASSERT_EQ(rows.size(), 2u);
-    EXPECT_EQ(rows[0], decoyMac + " pid " + std::to_string(holder.pid()) + " exited");
-    EXPECT_TRUE(contains(rows[1], " running")) << rows[1];
+    RunResult listed = ctl({"list", "--all"});
+    EXPECT_EQ(listed.status, 0) << listed.err;
+    std::vector<std::string> rows = lines(listed.out);
+    ASSERT_EQ(rows.size(), 1u) << listed.out;
+    EXPECT_EQ(rows[0].rfind("02:00:00:00:06:02 pid " + std::to_string(genuine.process().pid()) + " running", 0), 0u)
+        << rows[0];
     EXPECT_EQ(ctl({"stop", decoyMac, "--grace", "1"}).status, 3);
     RunResult all = ctl({"stop", "--all", "--grace", "1"});
     EXPECT_EQ(all.status, 0) << all.err;

@@ -9,6 +9,7 @@ if(TARGET orvex-session AND TARGET orvexctl AND TARGET orvex-devsim AND TARGET z
       ${CMAKE_CURRENT_LIST_DIR}/methods_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/errors_test.cpp
       ${CMAKE_CURRENT_LIST_DIR}/bus_test.cpp
+      ${CMAKE_CURRENT_LIST_DIR}/call_order_test.cpp
     LIBS ${ORVEX_E2E_LIBS}
     ISOLATED
     LABELS tsan)

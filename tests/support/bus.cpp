@@ -117,6 +117,15 @@ bool sendAll(int fd, const std::string& bytes)
     return true;
 }
 
+bool callAndHangUp(const std::string& address, const std::string& method, const std::string& body, int passFd)
+{
+    UniqueFd fd(rawConnect(address));
+    if (fd.get() < 0)
+        return false;
+    const Bus::Header header{ZS_KIND_CALL, static_cast<uint32_t>(method.size()), static_cast<uint32_t>(body.size())};
+    return Bus::sendFrame(fd.get(), header, method, body.data(), passFd, Bus::nowMs() + 5000) == 0;
+}
+
 std::string readUntilClosed(int fd, int timeoutMs, bool& closed)
 {
     std::string out;

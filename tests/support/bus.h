@@ -71,6 +71,10 @@ int rawConnect(const std::string& address);
 // A raw listening socket on a bus address (a stand-in service); -1 when taken.
 int rawListen(const std::string& address);
 bool sendAll(int fd, const std::string& bytes);
+// A caller that sends one whole call (with passFd as its reply descriptor when >= 0) and
+// hangs up at once, without waiting for the reply; false when it could not send.
+bool callAndHangUp(const std::string& address, const std::string& method, const std::string& body,
+    int passFd = -1);
 // Everything the server sends until it closes (or timeoutMs passes; then closed=false).
 std::string readUntilClosed(int fd, int timeoutMs, bool& closed);
 

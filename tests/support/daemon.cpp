@@ -4,11 +4,16 @@
 
 #include <fcntl.h>
 #include <glob.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 namespace Orvex::Test {
@@ -54,6 +59,38 @@ BusReply sessionCall(const std::string& mac, const std::string& method, const st
     return busCall(busAddress(mac), method, body, fd, timeoutSeconds);
 }
 
+NotifySocket::NotifySocket(const std::string& path) : path_(path)
+{
+    fd_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    bound_ = bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+std::string NotifySocket::next(int timeoutMs)
+{
+    pollfd p{fd_.get(), POLLIN, 0};
+    char buffer[4096];
+    if (poll(&p, 1, timeoutMs) != 1)
+        return "";
+    ssize_t n = recv(fd_.get(), buffer, sizeof buffer, 0);
+    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
+}
+
+std::string NotifySocket::nextStartingWith(const std::string& prefix, int timeoutMs)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return "";
+        std::string message = next(static_cast<int>(left.count()));
+        if (message.empty() || message.rfind(prefix, 0) == 0)
+            return message;
+    }
+}
+
 const std::vector<std::string>& withoutCapabilities()
 {
     static const std::vector<std::string> words = {"/usr/bin/setpriv", "--bounding-set=-all", "--inh-caps=-all"};
@@ -89,6 +126,12 @@ pid_t lockHolder(const std::string& mac)
     return static_cast<pid_t>(std::atol(readFile(lockPath(mac)).c_str()));
 }
 
+bool signalSession(const std::string& mac, int signo)
+{
+    pid_t pid = lockHolder(mac);
+    return pid > 0 && kill(pid, signo) == 0;
+}
+
 void killSessions()
 {
     if (!isolated())
@@ -107,6 +150,52 @@ void killSessions()
     globfree(&found);
 }
 
+RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& input)
+{
+    std::vector<std::string> argv = {ctlBinary()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run(argv, env, input);
+}
+
+void installDaemon()
+{
+    std::string next = std::string(Paths::kDaemonPath) + ".new";
+    std::filesystem::copy_file(daemonBinary(), next, std::filesystem::copy_options::overwrite_existing);
+    chmod(next.c_str(), 0755);
+    std::filesystem::rename(next, Paths::kDaemonPath);
+}
+
+void clearSessions()
+{
+    killSessions();
+    const std::string locks = lockPath("x").substr(0, lockPath("x").rfind('/'));
+    for (const std::string& folder : {std::string(Paths::kStatusDirectory), locks}) {
+        std::error_code absent;
+        for (const auto& entry : std::filesystem::directory_iterator(folder, absent))
+            if (entry.path().filename().string().rfind(Paths::kServicePrefix, 0) == 0)
+                std::filesystem::remove(entry.path());
+    }
+}
+
+void FrontEndTest::SetUp()
+{
+    ORVEX_REQUIRE_ISOLATION();
+    installDaemon();
+    clearSessions();
+}
+
+RunResult FrontEndTest::start(const std::string& mac, int port, const std::string& pass, bool secure,
+    const std::vector<std::string>& extra, const std::string& input)
+{
+    std::vector<std::string> args = {"start", mac, "--ip", "127.0.0.1", "--port", std::to_string(port), "--user", "admin"};
+    if (secure)
+        args.push_back("--secure");
+    args.insert(args.end(), extra.begin(), extra.end());
+    std::vector<std::string> env;
+    if (!pass.empty())
+        env = {"DEVICE_PASS=" + pass, "ORVEX_PASS=" + pass};
+    return ctl(args, env, input);
+}
 
 SignedIn::SignedIn(const std::string& family, bool tls, const std::string& mac,
     const std::vector<std::string>& devsimExtra)

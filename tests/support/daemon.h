@@ -68,9 +68,51 @@ private:
 bool answers(const std::string& mac);
 // Pid in the device's lock file while a process holds the lock, else 0.
 pid_t lockHolder(const std::string& mac);
+// Sends signo to the process holding the MAC's lock; false (and nothing sent) when none
+// does: a pid of 0 would signal the whole process group, the test runner included.
+bool signalSession(const std::string& mac, int signo);
 // Kills every session process of this namespace (found through the lock files). Also runs
 // after the last test of every program that links this file.
 void killSessions();
+
+// The front end (orvexctl) with these words, run to its end.
+RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+    const std::string& input = "");
+// The built daemon put where the front end launches it: a new file renamed over the old
+// one, as a package upgrade does.
+void installDaemon();
+// No session process, lock file or status file left: a test that lists sessions sees
+// only its own, also when several run in one namespace.
+void clearSessions();
+
+// A test of the front end on sessions it starts (isolated only): the daemon installed
+// where the front end launches it, no other session around, and none left after it.
+class FrontEndTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override { killSessions(); }
+    // orvexctl start for a device on 127.0.0.1 as admin, the password from DEVICE_PASS
+    // through --pass-env; extra {} leaves it to ORVEX_PASS (also set).
+    static RunResult start(const std::string& mac, int port, const std::string& pass, bool secure,
+        const std::vector<std::string>& extra = {"--pass-env", "DEVICE_PASS"}, const std::string& input = "");
+};
+
+// A stand-in for a service manager's notification socket (NOTIFY_SOCKET=path()).
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& path);
+    bool bound() const { return bound_; }
+    const std::string& path() const { return path_; }
+    // The next datagram, "" after the time-out.
+    std::string next(int timeoutMs = 10000);
+    // The next datagram that starts with prefix, skipping others; "" after the time-out.
+    std::string nextStartingWith(const std::string& prefix, int timeoutMs = 10000);
+
+private:
+    std::string path_;
+    UniqueFd fd_;
+    bool bound_ = false;
+};
 
 // A daemon signed in to a fresh simulator of the given kind; throws when either fails.
 struct SignedIn {

@@ -7,6 +7,7 @@
 #include <linux/capability.h>
 #include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/socket.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -57,12 +58,27 @@ bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeou
     return true;
 }
 
+unsigned modeOf(const std::string& path)
+{
+    struct stat st{};
+    return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
 std::string readFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> out;
+    size_t start = 0;
+    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
+        out.push_back(text.substr(start, end - start));
+    return out;
 }
 
 JsonRef parseJson(const std::string& text)
@@ -103,6 +119,8 @@ void redirect(int target, const std::string& path, int flags)
     redirect(STDERR_FILENO, spawn.stderrPath, O_WRONLY | O_CREAT | O_TRUNC);
     for (const std::string& entry : spawn.env)
         putenv(const_cast<char*>(entry.c_str()));
+    if (spawn.uid >= 0 && (setgroups(0, nullptr) != 0 || setgid(gid_t(spawn.uid)) != 0 || setuid(uid_t(spawn.uid)) != 0))
+        _exit(126);
     std::vector<char*> argv;
     for (const std::string& arg : spawn.argv)
         argv.push_back(const_cast<char*>(arg.c_str()));
@@ -281,13 +299,17 @@ int closedPort()
     return port;
 }
 
-RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-    const std::string& stdinText, std::chrono::milliseconds timeout)
+namespace {
+
+RunResult runSpawn(Spawn spawn, const std::string& stdinText, std::chrono::milliseconds timeout)
 {
     TempDir dir;
+    spawn.stdoutPath = dir.file("out");
+    spawn.stderrPath = dir.file("err");
+    spawn.stdinPipe = true;
     RunResult result;
     {
-        Child child({argv, env, dir.file("out"), dir.file("err"), true});
+        Child child(spawn);
         child.writeStdin(stdinText);
         child.closeStdin();
         result.status = child.wait(timeout);
@@ -295,6 +317,25 @@ RunResult run(const std::vector<std::string>& argv, const std::vector<std::strin
     result.out = readFile(dir.file("out"));
     result.err = readFile(dir.file("err"));
     return result;
+}
+
+}  // namespace
+
+RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+    const std::string& stdinText, std::chrono::milliseconds timeout)
+{
+    Spawn spawn;
+    spawn.argv = argv;
+    spawn.env = env;
+    return runSpawn(spawn, stdinText, timeout);
+}
+
+RunResult runAs(int uid, const std::vector<std::string>& argv, std::chrono::milliseconds timeout)
+{
+    Spawn spawn;
+    spawn.argv = argv;
+    spawn.uid = uid;
+    return runSpawn(spawn, "", timeout);
 }
 
 }  // namespace Orvex::Test

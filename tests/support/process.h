@@ -38,6 +38,14 @@ private:
 // Re-checks cond every few milliseconds until it holds or the time is up.
 bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout = 10s);
 std::string readFile(const std::string& path);
+// Permission bits of path itself (a link is not followed), 0 when there is nothing.
+unsigned modeOf(const std::string& path);
+// The lines of a text, without their ends (a last line without one is left out).
+std::vector<std::string> lines(const std::string& text);
+inline bool contains(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
 // A null reference when the text does not parse.
 JsonRef parseJson(const std::string& text);
 // Compact text of a value, keys sorted (for comparisons and messages).
@@ -51,6 +59,7 @@ struct Spawn {
     bool stdinPipe = false;           // else stdinFd, else /dev/null
     int stdinFd = -1;
     int stdoutFd = -1;                // instead of stdoutPath
+    int uid = -1;                     // run as this user (its uid as group too), not as we are
 };
 
 // One child process; killed (SIGKILL) and reaped at destruction if still there.
@@ -130,5 +139,7 @@ struct RunResult {
 // Runs a program to its end, feeding stdinText.
 RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
     const std::string& stdinText = "", std::chrono::milliseconds timeout = 60s);
+// The same as another user (see Spawn::uid).
+RunResult runAs(int uid, const std::vector<std::string>& argv, std::chrono::milliseconds timeout = 60s);
 
 }  // namespace Orvex::Test

@@ -1,6 +1,7 @@
-// The device simulator as a program: several devices in one process, and TLS 1.1 only. What
-// it answers for each family, its fault knobs and its request log are exercised by the
-// session tests, which compare its answers and the requests it logged byte for byte.
+// The device simulator as a program: several devices in one process, TLS 1.1 only, a port
+// in use, and a stop while an answer is delayed. What it answers for each family, its
+// fault knobs and its request log are exercised by the session tests, which compare its
+// answers and the requests it logged byte for byte.
 #include "common/misc.h"
 #include "tests/support/devsim.h"
 
@@ -13,6 +14,10 @@
 #include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/StreamCopier.h>
 #include <openssl/ssl.h>
+
+#include <signal.h>
+
+#include <thread>
 
 
 using namespace Orvex::Test;
@@ -77,4 +82,30 @@ TEST(Devsim, Tls11OnlyDeviceSpeaksTls11AndNothingNewer)
     old->disableProtocols(Poco::Net::Context::PROTO_TLSV1_1);
     Poco::Net::HTTPSClientSession modern("127.0.0.1", device.port(), old);
     EXPECT_THROW(modern.sendRequest(request), Poco::Exception);
+}
+
+// A second simulator on a port in use would share it (and take half the sign-ins); one
+// that is answering late must still end at once on SIGTERM.
+TEST(Devsim, RefusesAPortInUseAndEndsOnSigtermDespiteADelayedAnswer)
+{
+    Devsim first("token", false, {"--delay-ms", "20000"});
+    RunResult second = run({ORVEX_DEVSIM, "--family", "token", "--port", std::to_string(first.port())}, {}, "", 5s);
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(second.err, "orvex-devsim: cannot listen on 127.0.0.1:" + std::to_string(first.port()) +
+                              ": Address already in use: 127.0.0.1:" + std::to_string(first.port()) + "\n");
+
+    std::thread waiting([&] {
+        try {
+            get(first.port(), "/zem/oauth/tokeninfo?access_token=x");
+        } catch (const Poco::Exception&) {
+            // cut by the stop
+        }
+    });
+    // The request is in: its answer waits out the delay.
+    ASSERT_TRUE(waitFor([&] { return !first.requests().empty(); }));
+    auto begin = std::chrono::steady_clock::now();
+    kill(first.pid(), SIGTERM);
+    EXPECT_EQ(first.stop(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
+    waiting.join();
 }

@@ -224,7 +224,6 @@ TEST(InlineWorker, CallsRunOnTheDrainingThreadOneAtATimeInTickTockOrderWithTheTi
     Endpoint changing{true, "", &worker, &inlineCall, TicktockQueue::TOCK};
     auto call = [&worker](Endpoint& endpoint, const char* name) {
         worker.dispatch(&endpoint, json_pack("{ss}", "name", name), name, zs_io_create(), -1);
-        worker.drain();
     };
     std::thread leader([&] { call(changing, "first"); });
     inlineEntered.wait();
@@ -234,7 +233,6 @@ TEST(InlineWorker, CallsRunOnTheDrainingThreadOneAtATimeInTickTockOrderWithTheTi
     call(changing, "w1");
     call(changing, "w2");
     worker.requestTick();
-    worker.drain();
     inlineReleased.set();
     leader.join();
     EXPECT_EQ((std::vector<std::string>{"first", "tick", "w1", "r1", "w2", "r2"}), inlineOrder);
@@ -242,6 +240,5 @@ TEST(InlineWorker, CallsRunOnTheDrainingThreadOneAtATimeInTickTockOrderWithTheTi
         EXPECT_EQ(inlineThreads.front(), id);
     worker.stop();
     worker.requestTick();
-    worker.drain();
     EXPECT_EQ(6u, inlineOrder.size()) << "a tick ran after stop";
 }

@@ -88,6 +88,20 @@ TEST(SessionKeepAlive, IdleSessionEndsWithoutAskingTheDevice)
     EXPECT_EQ(tickInChild(time(nullptr) - 599), 0);
 }
 
+// A configured idle limit replaces the 600 s; 0 means the session is never idle.
+TEST(SessionKeepAlive, IdleLimitIsTheSetOneAndZeroNeverEnds)
+{
+    Devsim device("legacy", false);
+    Session& session = Session::getInstance();
+    Orvex::Test::signin(device);
+    session.setIdleLimit(0);
+    EXPECT_EQ(tickInChild(time(nullptr) - 30 * 24 * 3600), 0);
+    session.setIdleLimit(60);
+    EXPECT_EQ(tickInChild(time(nullptr) - 59), 0);
+    EXPECT_EQ(tickInChild(time(nullptr) - 61), 1);
+    session.setIdleLimit(600);
+}
+
 TEST(SessionKeepAlive, NeverSignedInOrUnreachableEndsOnTheFirstTick)
 {
     Session::getInstance().reset();

@@ -125,3 +125,40 @@ TEST(SessionStatus, Tls11OnlyDeviceSignsIn)
         EXPECT_FALSE(device.requests().empty());
     }
 }
+
+// The legacy family keeps its session id after signing out (the next tick asks the device);
+// what the status tells must not depend on that.
+TEST(SessionStatus, SignedOutAfterTheSignOutOfEitherFamily)
+{
+    for (const char* family : {"legacy", "token"}) {
+        Devsim device(family, false);
+        signin(device);
+        Session& session = Session::getInstance();
+        ASSERT_TRUE(session.status().signedIn) << family;
+        session.signout();
+        EXPECT_FALSE(session.status().signedIn) << family;
+        signin(device);
+        EXPECT_TRUE(session.status().signedIn) << family << " after signing in again";
+    }
+}
+
+// The process's own sign-in never replaces a session someone holds; after a sign-out it
+// signs in.
+TEST(SessionStatus, SigninUnlessSignedInLeavesAHeldSessionAlone)
+{
+    Devsim held("token", false);
+    Devsim other("legacy", false);
+    signin(held);
+    Session& session = Session::getInstance();
+    SigninOption option = signinOption(other);
+    JsonRef out = JsonRef::adopt(json_object());
+    json_t* reply = out.get();
+    EXPECT_FALSE(session.signinUnlessSignedIn(reply, option));
+    EXPECT_TRUE(other.requests().empty());
+    EXPECT_EQ(session.status().port, unsigned(held.port()));
+    session.signout();
+    EXPECT_TRUE(session.signinUnlessSignedIn(reply, option));
+    EXPECT_EQ(session.status().port, unsigned(other.port()));
+    EXPECT_EQ(session.status().family, Nvx);
+    session.signout();
+}

@@ -25,12 +25,20 @@ namespace {
 // queue, which is unbounded (the kernel's listen backlog bounds it in practice).
 constexpr size_t kMaxWorkers = 64;
 
+// SO_REUSEADDR but not SO_REUSEPORT (which POCO's binding constructors set): a second
+// simulator on a port in use must fail, not share the port and take half the sign-ins.
 Poco::Net::ServerSocket bindSocket(const Config& config)
 {
     Poco::Net::SocketAddress address(config.host, config.port);
-    if (config.tls)
-        return Poco::Net::SecureServerSocket(address, 128, makeServerContext(config));
-    return Poco::Net::ServerSocket(address, 128);
+    Poco::Net::ServerSocket socket = config.tls ? Poco::Net::ServerSocket(Poco::Net::SecureServerSocket(makeServerContext(config)))
+                                                : Poco::Net::ServerSocket();
+    try {
+        socket.bind(address, true, false);
+        socket.listen(128);
+    } catch (const Poco::Exception& e) {
+        throw std::runtime_error("cannot listen on " + address.toString() + ": " + e.message());
+    }
+    return socket;
 }
 
 // A TLS greeting (first byte 0x16, a handshake record) on a plain-HTTP port is answered
@@ -116,6 +124,8 @@ void Fleet::stop()
         if (stopping_)
             return;
         stopping_ = true;
+        // A delayed answer must not hold the stop.
+        cutDelays();
         // Below TLS on purpose: the worker's thread owns the SSL object.
         for (auto& socket : active_)
             if (socket.impl()->sockfd() != POCO_INVALID_SOCKET)

@@ -9,7 +9,8 @@
 #include <Poco/URI.h>
 
 #include <chrono>
-#include <thread>
+#include <condition_variable>
+#include <mutex>
 
 namespace Orvex::Devsim {
 
@@ -117,6 +118,26 @@ Reply answer(Device& device, const Exchange& exchange)
     }
 }
 
+// The waits of --delay-ms, which a stop cuts short.
+struct Delays {
+    std::mutex mutex;
+    std::condition_variable cut;
+    bool stopping = false;
+};
+
+Delays& delays()
+{
+    static Delays shared;
+    return shared;
+}
+
+void delay(std::chrono::milliseconds time)
+{
+    Delays& d = delays();
+    std::unique_lock<std::mutex> lock(d.mutex);
+    d.cut.wait_for(lock, time, [&d] { return d.stopping; });
+}
+
 class DeviceHandler : public Poco::Net::HTTPRequestHandler {
 public:
     explicit DeviceHandler(Device& device) : device_(device) {}
@@ -127,8 +148,8 @@ public:
         device_.log.write(request, body);
         Exchange exchange = parseExchange(request, body);
         const Faults& faults = device_.config.faults;
-        if (faults.delayMs > 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(faults.delayMs));
+        if (const int delayMs = answerDelayMs(faults, exchange.path))
+            delay(std::chrono::milliseconds(delayMs));
         if (hasPrefix(faults.hangup, exchange.path))
             return hangUp(request);
         if (hasPrefix(faults.garbage, exchange.path))
@@ -143,6 +164,16 @@ private:
 };
 
 }  // namespace
+
+void cutDelays()
+{
+    Delays& d = delays();
+    {
+        std::lock_guard<std::mutex> lock(d.mutex);
+        d.stopping = true;
+    }
+    d.cut.notify_all();
+}
 
 std::string param(const Params& params, const std::string& name, bool* found)
 {

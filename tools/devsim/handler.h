@@ -51,6 +51,9 @@ Reply legacyPage(Device& device, const Exchange& exchange);
 Reply tokenPage(Device& device, const Exchange& exchange);
 Reply rsyslogPage(Device& device, const Exchange& exchange);
 
+// Ends every wait of --delay-ms at once, and makes later ones not wait: for a stop.
+void cutDelays();
+
 class HandlerFactory : public Poco::Net::HTTPRequestHandlerFactory {
 public:
     explicit HandlerFactory(Device& device) : device_(device) {}

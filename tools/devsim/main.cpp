@@ -79,8 +79,8 @@ int main(int argc, char** argv)
         std::cerr << "orvex-devsim: " << e.what() << "\n(see orvex-devsim --help)\n";
         return 2;
     }
-    if (config.help) {
-        std::cout << helpText();
+    if (config.help || config.version) {
+        std::cout << (config.help ? helpText() : std::string("orvex-devsim " ORVEX_VERSION "\n"));
         return 0;
     }
     sigset_t set = stopSignals();

@@ -16,7 +16,7 @@ enum OptionId {
     OPT_FAMILY = 256, OPT_HOST, OPT_PORT, OPT_TLS, OPT_CERT, OPT_KEY, OPT_USER, OPT_PASS,
     OPT_LOG, OPT_STDIN_WATCH, OPT_HELP, OPT_DELAY, OPT_OMIT, OPT_GARBAGE, OPT_JSON_ARRAY,
     OPT_HANGUP, OPT_EXPIRE, OPT_TLS10, OPT_TLS11, OPT_FOREIGN_404, OPT_MODEL, OPT_FIRMWARE,
-    OPT_FIRMWARE_NUMBER, OPT_HOSTNAME, OPT_SERIAL, OPT_DEVICES
+    OPT_FIRMWARE_NUMBER, OPT_HOSTNAME, OPT_SERIAL, OPT_DEVICES, OPT_DELAY_PATH, OPT_VERSION
 };
 
 const struct option kLongOptions[] = {
@@ -32,6 +32,8 @@ const struct option kLongOptions[] = {
     {"stdin-watch", no_argument, nullptr, OPT_STDIN_WATCH},
     {"help", no_argument, nullptr, OPT_HELP},
     {"delay-ms", required_argument, nullptr, OPT_DELAY},
+    {"delay-path", required_argument, nullptr, OPT_DELAY_PATH},
+    {"version", no_argument, nullptr, OPT_VERSION},
     {"omit", required_argument, nullptr, OPT_OMIT},
     {"garbage", required_argument, nullptr, OPT_GARBAGE},
     {"json-array", required_argument, nullptr, OPT_JSON_ARRAY},
@@ -57,6 +59,15 @@ long parseNumber(const char* name, const char* text, long min, long max)
         throw std::invalid_argument(std::string("--") + name + ": '" + text + "' is not a number in " +
                                     std::to_string(min) + ".." + std::to_string(max));
     return value;
+}
+
+// "PREFIX:MS"; the last colon separates, so a prefix may hold colons of its own.
+PathDelay parsePathDelay(const std::string& text)
+{
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0)
+        throw std::invalid_argument("--delay-path: '" + text + "' is not PREFIX:MS");
+    return {text.substr(0, colon), static_cast<int>(parseNumber("delay-path", text.c_str() + colon + 1, 0, 600000))};
 }
 
 Family parseFamily(const std::string& text, bool& mixed)
@@ -98,6 +109,7 @@ bool applyFault(Faults& faults, int id, const char* arg)
 {
     switch (id) {
     case OPT_DELAY: faults.delayMs = static_cast<int>(parseNumber("delay-ms", arg, 0, 600000)); return true;
+    case OPT_DELAY_PATH: faults.pathDelays.push_back(parsePathDelay(arg)); return true;
     case OPT_OMIT: faults.omit.insert(arg); return true;
     case OPT_GARBAGE: faults.garbage.push_back(arg); return true;
     case OPT_JSON_ARRAY: faults.jsonArray.push_back(arg); return true;
@@ -137,6 +149,7 @@ bool applyBasic(Config& config, bool& familySeen, int id, const char* arg)
     case OPT_LOG: config.logFile = arg; return true;
     case OPT_STDIN_WATCH: config.stdinWatch = true; return true;
     case OPT_HELP: config.help = true; return true;
+    case OPT_VERSION: config.version = true; return true;
     default: return false;
     }
 }
@@ -175,7 +188,7 @@ Config parseCommandLine(int argc, char** argv)
     }
     if (optind < argc)
         throw std::invalid_argument(std::string("unexpected argument: ") + argv[optind]);
-    if (config.help)
+    if (config.help || config.version)
         return config;
     checkConsistency(config, familySeen);
     config.identity = defaultIdentity(config.family);
@@ -205,12 +218,21 @@ bool hasPrefix(const std::vector<std::string>& prefixes, const std::string& path
     return false;
 }
 
+int answerDelayMs(const Faults& faults, const std::string& path)
+{
+    for (const auto& delay : faults.pathDelays)
+        if (path.compare(0, delay.prefix.size(), delay.prefix) == 0)
+            return faults.delayMs + delay.ms;
+    return faults.delayMs;
+}
+
 const char* helpText()
 {
     return R"(Usage: orvex-devsim --family legacy|token [--host 127.0.0.1] [--port 0] [--tls]
                     [--devices N [--family mixed]]
                     [--cert FILE --key FILE] [--user admin] [--pass secret]
                     [--log FILE] [--stdin-watch] [fault knobs...] [identity...]
+       orvex-devsim --help | --version
 
 Plays one remote storage device of the legacy (CGI/XML, session id) or the token
 (OAuth/JSON, bearer token) firmware family, over HTTP or HTTPS (--tls; a self-signed
@@ -239,12 +261,15 @@ Options:
                           {"time":<epoch seconds>,"method":..,"target":..,
                            "headers":{<name as received>:<values joined by ", ">},"body":..}
   --stdin-watch           stop when standard input reaches EOF
+  --help, --version       this text, or the version, and exit
   --model, --firmware, --firmware-number, --hostname, --serial TEXT
                           identity (legacy: NVX-4200, 4.3.6, 912, nas-legacy, LGC0001234;
                           token: ZEM-880, 5.1.2, -, nas-token, ZEM000987)
 
 Fault knobs:
   --delay-ms N            wait N ms before every answer
+  --delay-path PREFIX:MS  paths starting with PREFIX wait MS ms more (repeatable; the
+                          first matching prefix counts), e.g. /orvex/v1/rsyslog/:800
   --omit NAME             drop XML node / JSON key NAME from every answer, at any depth
                           (repeatable)
   --garbage PREFIX        paths starting with PREFIX answer 200 text/plain non-XML/JSON text

@@ -20,8 +20,15 @@ struct Identity {
     std::string serial;
 };
 
+// Answers to paths starting with prefix wait this long.
+struct PathDelay {
+    std::string prefix;
+    int ms = 0;
+};
+
 struct Faults {
     int delayMs = 0;
+    std::vector<PathDelay> pathDelays;    // first matching prefix, added to delayMs
     std::set<std::string> omit;           // XML node / JSON key names dropped from answers
     std::vector<std::string> garbage;     // path prefixes answered with non-XML/JSON text
     std::vector<std::string> jsonArray;   // path prefixes answered with a JSON array
@@ -45,6 +52,7 @@ struct Config {
     std::string logFile;
     bool stdinWatch = false;
     bool help = false;
+    bool version = false;
     Identity identity;
     Identity tokenIdentity;      // with --family mixed: what the token devices say about themselves
     Faults faults;
@@ -56,5 +64,7 @@ Config parseCommandLine(int argc, char** argv);
 Config deviceConfig(const Config& fleet, int index);
 const char* helpText();
 bool hasPrefix(const std::vector<std::string>& prefixes, const std::string& path);
+// How long the answer to path waits: --delay-ms plus the first matching --delay-path.
+int answerDelayMs(const Faults& faults, const std::string& path);
 
 }  // namespace Orvex::Devsim

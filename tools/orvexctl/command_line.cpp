@@ -11,29 +11,67 @@ namespace ctl {
 
 const char* const kUsage =
     "usage: orvexctl start MAC --ip IP --port PORT --user USER [--pass-env VAR | --pass-stdin]\n"
-    "                [--secure] [--level N]\n"
-    "       orvexctl call MAC METHOD [JSON]\n"
+    "                [--secure] [--level N] [--timeout SECONDS] [--replace]\n"
+    "       orvexctl start --from FILE [--pass-env VAR | --pass-stdin | --pass-file FILE]\n"
+    "                [--level N] [--timeout SECONDS] [--replace] [--parallel N]\n"
+    "       orvexctl call MAC METHOD [JSON] [--timeout SECONDS]\n"
+    "       orvexctl call --all | --macs FILE METHOD [JSON] [--timeout SECONDS]\n"
+    "                [--parallel N]\n"
     "       orvexctl stop MAC [--grace SECONDS]\n"
     "       orvexctl stop --all [--grace SECONDS]\n"
-    "       orvexctl list [--json]\n"
-    "       orvexctl status MAC [--json]\n"
+    "       orvexctl list [--all]\n"
+    "       orvexctl status MAC\n"
+    "       orvexctl forget MAC | --ended\n"
+    "       orvexctl logs MAC [-n N] [-f]\n"
+    "       orvexctl enable MAC --ip IP --port PORT --user USER [--pass-env VAR | --pass-stdin]\n"
+    "                [--secure] [--idle SECONDS] [--timeout SECONDS] [--replace]\n"
+    "       orvexctl disable MAC\n"
     "       orvexctl --help | --version\n"
-    "Anywhere: --json=short|pretty (or --pretty) sets how JSON is printed; the default is\n"
-    "indented on a terminal, compact otherwise.\n"
+    "Anywhere: --json prints JSON (list, status, stop, forget, enable, disable; start and\n"
+    "call always print it); --json=short|pretty (or --pretty) also says how: indented on a\n"
+    "terminal by default, compact otherwise.\n"
     "start: without --pass-env or --pass-stdin the password is read from ORVEX_PASS; the\n"
-    "daemon never sees it in its environment. --level sets the daemon's log level (0-8).\n"
+    "daemon never sees it in its environment. --level sets the daemon's log level (0-8),\n"
+    "--timeout how long the sign-in may take (default 30 s). A MAC whose session runs is\n"
+    "refused unless --replace, which stops that session first.\n"
+    "start --from FILE: one device a line, \"MAC IP PORT USER [secure]\" (blanks or commas\n"
+    "between, '#' comments); one password for all (ORVEX_PASS, --pass-env, --pass-stdin)\n"
+    "or one per device from --pass-file FILE (\"MAC PASSWORD\" lines, a file that only its\n"
+    "owner may read); --parallel devices at a time (default 8). One JSON line per device\n"
+    "({\"mac\":...,\"exit\":N,...}, N as below), then a summary line.\n"
+    "call --all (every running session) or --macs FILE (the first field of each line): one\n"
+    "method on many sessions, a few at a time; one JSON line per device, then a summary.\n"
+    "--timeout: how long the reply may take (default 30 s).\n"
     "stop: asks the session to sign out; one that does not end gets SIGTERM, and SIGKILL\n"
     "after the grace period (default 5 s). Each session that ended is reported.\n"
-    "list, status: MAC, pid, state (running, exited, stale binary), uptime and, for a\n"
-    "running session, family, device, identity and seconds since last use; read from the\n"
-    "status files, so looking does not count as use.\n"
+    "list, status: MAC, pid, state and, for a running session, uptime, family, device,\n"
+    "identity and seconds since last use; for one that no longer runs, how it ended\n"
+    "(stopped, ended: REASON, crashed) and when. Read from the status files, so looking\n"
+    "does not count as use. list shows the running and the abnormally ended sessions,\n"
+    "--all every one.\n"
+    "forget: clears the record of a session that no longer runs (--ended: of every one).\n"
+    "logs: the device's lines of the shared log (of the journal for a systemd instance).\n"
+    "enable (under systemd): stores the device's settings in /etc/orvex and its password\n"
+    "as the unit's credential (encrypted by systemd-creds where it can), then enables and\n"
+    "starts orvex-session@MAC, which signs itself in, again after every restart, and\n"
+    "comes back after every end but a signout or a stop. --idle ends an unused session\n"
+    "after SECONDS (default 600, 0: never; it then comes back); enable waits up to\n"
+    "--timeout SECONDS (default 30, 0: not at all) for the first sign-in. A session that\n"
+    "orvexctl start runs for the MAC is refused unless --replace.\n"
+    "disable: stops the instance (it signs out), disables it and removes its files.\n"
     "Exit status:\n"
-    "  0  done (list, status: every session listed runs)\n"
-    "  1  the session answered with an error, a stop left survivors, or another failure\n"
+    "  0  done (list, status: no session listed ended abnormally)\n"
+    "  1  the session answered with an error, a stop left survivors, a device of\n"
+    "     start --from or call --all/--macs failed, or another failure\n"
     "  2  bad command line\n"
-    "  3  no session process answers for the MAC (list, status: a session does not run)\n"
-    "  4  start: the device is unreachable (refused, no route, time-out, TLS mismatch)\n"
-    "  5  start: the device rejected the credentials\n";
+    "  3  no session process answers for the MAC, or not in time (list, status: a\n"
+    "     session listed ended abnormally or crashed)\n"
+    "  4  start, enable: the device is unreachable (refused, no route, time-out, TLS\n"
+    "     mismatch)\n"
+    "  5  start, enable: the device rejected the credentials\n"
+    "  6  call: the device answered \"success\":false\n"
+    "  7  start, enable: a session already runs for the MAC (--replace replaces it)\n"
+    "  8  the command needs root (start, call, stop, forget, enable, disable)\n";
 
 namespace {
 
@@ -55,12 +93,12 @@ int parseNumber(const std::string& text, int low, int high, const char* what)
     return value;
 }
 
-void setPass(Command& command, PassSource source, const std::string& variable)
+void setPass(Command& command, PassSource source, const std::string& value)
 {
     if (command.passSource != PassSource::Default)
-        throw UsageError("give only one of --pass-env and --pass-stdin");
+        throw UsageError("give only one of --pass-env, --pass-stdin and --pass-file");
     command.passSource = source;
-    command.passVariable = variable;
+    (source == PassSource::File ? command.passFile : command.passVariable) = value;
 }
 
 // "--name value" and "--name=value" both work.
@@ -78,15 +116,48 @@ struct Word {
     }
 };
 
-void applyStartOption(Command& command, const Args& args, size_t& i)
+// The options that start and call share; false when args[i] is none of them.
+bool applyCommonOption(Command& command, const Args& args, size_t& i, bool many)
 {
     Word word(args[i]);
     auto take = [&]() { return word.hasValue ? word.value : requireValue(args, i, word.name); };
-    if (word.name == "--ip")
+    if (word.name == "--timeout")
+        command.timeoutSeconds = parseNumber(take(), 1, 3600, "timeout");
+    else if (word.name == "--parallel" && many)
+        command.parallel = parseNumber(take(), 1, 64, "parallel");
+    else
+        return false;
+    return true;
+}
+
+// enable's own options: the idle limit, and a wait for the first sign-in that may be none.
+bool applyEnableOption(Command& command, const Args& args, size_t& i)
+{
+    Word word(args[i]);
+    auto take = [&]() { return word.hasValue ? word.value : requireValue(args, i, word.name); };
+    if (word.name == "--idle")
+        command.idleSeconds = parseNumber(take(), 0, 365 * 24 * 3600, "idle");
+    else if (word.name == "--timeout")
+        command.timeoutSeconds = parseNumber(take(), 0, 3600, "timeout");
+    else
+        return false;
+    return true;
+}
+
+// start, start --from and enable.
+void applyStartOption(Command& command, const Args& args, size_t& i)
+{
+    const bool many = command.action == Action::StartFrom;
+    const bool enable = command.action == Action::Enable;
+    if (enable ? applyEnableOption(command, args, i) : applyCommonOption(command, args, i, many))
+        return;
+    Word word(args[i]);
+    auto take = [&]() { return word.hasValue ? word.value : requireValue(args, i, word.name); };
+    if (word.name == "--ip" && !many)
         command.ip = take();
-    else if (word.name == "--port")
+    else if (word.name == "--port" && !many)
         command.port = parseNumber(take(), 1, 65535, "port");
-    else if (word.name == "--user")
+    else if (word.name == "--user" && !many)
         command.user = take();
     else if (word.name == "--pass")
         throw UsageError("--pass would show the password to every user in the process list; use --pass-env VAR "
@@ -95,44 +166,92 @@ void applyStartOption(Command& command, const Args& args, size_t& i)
         setPass(command, PassSource::Environment, take());
     else if (word.name == "--pass-stdin" && !word.hasValue)
         setPass(command, PassSource::Stdin, "");
-    else if (word.name == "--secure" && !word.hasValue)
+    else if (word.name == "--pass-file" && many)
+        setPass(command, PassSource::File, take());
+    else if (word.name == "--secure" && !word.hasValue && !many)
         command.secure = true;
-    else if (word.name == "--level")
+    else if (word.name == "--level" && !enable)
         command.level = parseNumber(take(), 0, 8, "level");
+    else if (word.name == "--replace" && !word.hasValue)
+        command.replace = true;
     else
-        throw UsageError("unknown option '" + args[i] + "' for start");
+        throw UsageError("unknown option '" + args[i] + "' for " + args[0] + (many ? " --from" : ""));
 }
 
-Command parseStart(const Args& args)
+// start and enable: a device, where it is and who signs in.
+Command parseStart(const Args& args, Action action)
 {
+    const std::string& verb = args[0];
     if (args.size() < 2)
-        throw UsageError("start needs a MAC address");
+        throw UsageError(action == Action::Enable ? "enable needs a MAC address" : "start needs a MAC address or --from FILE");
     Command command;
-    command.action = Action::Start;
-    command.mac = normaliseMac(args[1]);
-    for (size_t i = 2; i < args.size(); ++i)
+    command.action = action;
+    Word first(args[1]);
+    size_t i = 1;
+    if (action == Action::Start && first.name == "--from") {
+        command.action = Action::StartFrom;
+        command.file = first.hasValue ? first.value : requireValue(args, i, "--from");
+    } else {
+        command.mac = normaliseMac(args[1]);
+    }
+    for (++i; i < args.size(); ++i)
         applyStartOption(command, args, i);
+    if (command.action == Action::StartFrom)
+        return command;
     if (command.ip.empty())
-        throw UsageError("start needs --ip");
+        throw UsageError(verb + " needs --ip");
     if (command.port == 0)
-        throw UsageError("start needs --port");
+        throw UsageError(verb + " needs --port");
     if (command.user.empty())
-        throw UsageError("start needs --user");
+        throw UsageError(verb + " needs --user");
     return command;
 }
 
+Command parseDisable(const Args& args)
+{
+    if (args.size() != 2)
+        throw UsageError("disable needs one MAC address");
+    Command command;
+    command.action = Action::Disable;
+    command.mac = normaliseMac(args[1]);
+    return command;
+}
+
+// Options anywhere; the words left are [MAC] METHOD [JSON].
 Command parseCall(const Args& args)
 {
-    if (args.size() < 3 || args.size() > 4)
-        throw UsageError("call needs a MAC address, a method and at most one JSON argument");
     Command command;
     command.action = Action::Call;
-    command.mac = normaliseMac(args[1]);
-    command.method = args[2];
+    bool many = false;
+    Args words;
+    for (size_t i = 1; i < args.size(); ++i) {
+        Word word(args[i]);
+        if (applyCommonOption(command, args, i, true))
+            continue;
+        if (args[i] == "--all" || word.name == "--macs") {
+            if (many)
+                throw UsageError("call takes one of a MAC address, --all and --macs FILE");
+            many = true;
+            command.action = Action::CallMany;
+            if (word.name == "--macs")
+                command.file = word.hasValue ? word.value : requireValue(args, i, word.name);
+        } else {
+            words.push_back(args[i]);
+        }
+    }
+    if (command.action == Action::Call && command.parallel != Command{}.parallel)
+        throw UsageError("--parallel goes with call --all or --macs");
+    size_t first = many ? 0 : 1;
+    if (words.size() < first + 1 || words.size() > first + 2)
+        throw UsageError(many ? "call --all/--macs needs a method and at most one JSON argument"
+                              : "call needs a MAC address, a method and at most one JSON argument");
+    if (!many)
+        command.mac = normaliseMac(words[0]);
+    command.method = words[first];
     if (command.method.empty())
         throw UsageError("call needs a method name");
-    if (args.size() == 4)
-        command.json = args[3];
+    if (words.size() == first + 2)
+        command.json = words[first + 1];
     return command;
 }
 
@@ -158,30 +277,57 @@ Command parseStop(const Args& args)
     return command;
 }
 
+// list [--all], status MAC, forget MAC|--ended: one target word at most.
 Command parseListing(const Args& args, Action action)
 {
     Command command;
     command.action = action;
-    size_t macs = 0;
+    const char* flag = action == Action::List ? "--all" : action == Action::Forget ? "--ended" : "";
+    size_t targets = 0;
     for (size_t i = 1; i < args.size(); ++i) {
-        if (args[i] == "--json")
-            command.jsonOutput = true;
-        else if (action == Action::Status && macs++ == 0)
+        if (targets++ > 0)
+            throw UsageError("unexpected '" + args[i] + "' for " + args[0]);
+        if (args[i] == flag)
+            (action == Action::List ? command.all : command.ended) = true;
+        else if (action != Action::List)
             command.mac = normaliseMac(args[i]);
         else
-            throw UsageError("unexpected '" + args[i] + "' for " + args[0]);
+            throw UsageError("unexpected '" + args[i] + "' for list");
     }
-    if (action == Action::Status && macs == 0)
+    if (action == Action::Status && targets == 0)
         throw UsageError("status needs a MAC address");
+    if (action == Action::Forget && targets == 0)
+        throw UsageError("forget needs a MAC address or --ended");
     return command;
 }
 
-// Takes --pretty and --json=short|pretty out of args, wherever they stand.
-JsonStyle takeStyle(Args& args)
+Command parseLogs(const Args& args)
+{
+    Command command;
+    command.action = Action::Logs;
+    for (size_t i = 1; i < args.size(); ++i) {
+        if (args[i] == "-n" || args[i] == "--lines")
+            command.lines = parseNumber(requireValue(args, i, args[i]), 0, 1000000, "lines");
+        else if (args[i] == "-f" || args[i] == "--follow")
+            command.follow = true;
+        else if (command.mac.empty())
+            command.mac = normaliseMac(args[i]);
+        else
+            throw UsageError("unexpected '" + args[i] + "' for logs");
+    }
+    if (command.mac.empty())
+        throw UsageError("logs needs a MAC address");
+    return command;
+}
+
+// Takes --json, --pretty and --json=short|pretty out of args, wherever they stand.
+JsonStyle takeStyle(Args& args, bool& json)
 {
     JsonStyle style = JsonStyle::Auto;
     for (auto it = args.begin(); it != args.end();) {
-        if (*it == "--pretty" || *it == "--json=pretty")
+        if (*it == "--json")
+            json = true;
+        else if (*it == "--pretty" || *it == "--json=pretty")
             style = JsonStyle::Pretty;
         else if (*it == "--json=short")
             style = JsonStyle::Short;
@@ -207,7 +353,11 @@ Command parseAction(const Args& args)
         return command;
     }
     if (verb == "start")
-        return parseStart(args);
+        return parseStart(args, Action::Start);
+    if (verb == "enable")
+        return parseStart(args, Action::Enable);
+    if (verb == "disable")
+        return parseDisable(args);
     if (verb == "call")
         return parseCall(args);
     if (verb == "stop")
@@ -216,6 +366,10 @@ Command parseAction(const Args& args)
         return parseListing(args, Action::List);
     if (verb == "status")
         return parseListing(args, Action::Status);
+    if (verb == "forget")
+        return parseListing(args, Action::Forget);
+    if (verb == "logs")
+        return parseLogs(args);
     throw UsageError("unknown command '" + verb + "'");
 }
 
@@ -232,13 +386,13 @@ std::string normaliseMac(const std::string& text)
 Command parseCommandLine(int argc, const char* const* argv)
 {
     Args args(argv + (argc > 0 ? 1 : 0), argv + argc);
-    JsonStyle style = takeStyle(args);
+    bool json = false;
+    JsonStyle style = takeStyle(args, json);
     if (args.empty())
         throw UsageError("no command given");
     Command command = parseAction(args);
     command.style = style;
-    if (style != JsonStyle::Auto)
-        command.jsonOutput = true;
+    command.jsonOutput = json || style != JsonStyle::Auto;
     return command;
 }
 
