@@ -35,6 +35,10 @@ protected:
         ASSERT_EQ(json_integer_value(json_object_get(session_->signin.get(), "error_code")), 0);
     }
 
+    // The sign-in's reply goes out before the worker looks for its next call; a call sent
+    // in between would be queued, not handed over. Give the worker a moment to wait.
+    static void letTheWorkerWait() { std::this_thread::sleep_for(300ms); }
+
     // Sends the calls 80 ms apart, each from a caller of its own that waits until the
     // daemon has read its call, then waits for every reply. The first must still be
     // running when the last is sent, or the scenario did not happen.
@@ -82,6 +86,7 @@ TEST_F(CallOrder, ACallThatFindsTheSessionIdleRunsAtOnceAndLeavesTheTurnToTheRea
 {
     ORVEX_REQUIRE_ISOLATION();
     signIn(800);
+    letTheWorkerWait();
     sendApart({kDelete1, kEnable2, kDisable3, kConfig, kClients});
     EXPECT_EQ(deviceSaw(), requests({kDelete1, kConfig, kEnable2, kClients, kDisable3}));
 }
@@ -90,6 +95,7 @@ TEST_F(CallOrder, ReadsThatArriveFirstAlternateWithTheChangesQueuedAfterThem)
 {
     ORVEX_REQUIRE_ISOLATION();
     signIn(800);
+    letTheWorkerWait();
     const Step config2{"get_device_rsyslog_config", R"({"again":true})", "GET /orvex/v1/rsyslog/config"};
     sendApart({kConfig, kClients, config2, kDelete1, kEnable2});
     EXPECT_EQ(deviceSaw(), requests({kConfig, kClients, kDelete1, config2, kEnable2}));
