@@ -3,6 +3,7 @@
 // once and leaves the turn alone, the calls queued behind it are taken reads and changes
 // in turn, and a change whose caller hung up while it waited still reaches the device.
 #include <future>
+#include <memory>
 #include <thread>
 
 #include "tests/support/daemon.h"
@@ -34,22 +35,28 @@ protected:
         ASSERT_EQ(json_integer_value(json_object_get(session_->signin.get(), "error_code")), 0);
     }
 
-    // Sends the calls 80 ms apart, each from a caller of its own, and waits for every
-    // reply. The first must still be running when the last is sent, or the scenario
-    // did not happen.
+    // The sign-in's reply goes out before the worker looks for its next call; a call sent
+    // in between would be queued, not handed over. Give the worker a moment to wait.
+    static void letTheWorkerWait() { std::this_thread::sleep_for(300ms); }
+
+    // Sends the calls 80 ms apart, each from a caller of its own that waits until the
+    // daemon has read its call, then waits for every reply. The first must still be
+    // running when the last is sent, or the scenario did not happen.
     void sendApart(const std::vector<Step>& steps)
     {
-        std::vector<std::future<BusReply>> replies;
+        const std::string address = busAddress(session_->daemon.mac());
+        std::vector<std::unique_ptr<SentCall>> calls;
         for (const Step& step : steps) {
-            if (!replies.empty())
+            if (!calls.empty())
                 std::this_thread::sleep_for(80ms);
-            replies.push_back(std::async(std::launch::async,
-                [this, step] { return session_->daemon.call(step.method, step.args); }));
+            calls.push_back(std::make_unique<SentCall>(address, step.method, step.args));
+            ASSERT_TRUE(calls.back()->read()) << step.method << " was not read";
         }
-        EXPECT_EQ(replies.front().wait_for(0s), std::future_status::timeout)
+        waitFor([this] { return !session_->device.requestsTo("", kRsyslog).empty(); });
+        EXPECT_EQ(session_->device.requestsTo("", kRsyslog).size(), 1u)
             << "the first call ended before the last was sent";
-        for (size_t i = 0; i < replies.size(); ++i) {
-            BusReply reply = replies[i].get();
+        for (size_t i = 0; i < calls.size(); ++i) {
+            BusReply reply = calls[i]->reply();
             EXPECT_EQ(reply.rc, 0) << steps[i].method;
             EXPECT_TRUE(json_is_object(reply.json().get())) << steps[i].method << ": " << reply.body;
         }
@@ -79,6 +86,7 @@ TEST_F(CallOrder, ACallThatFindsTheSessionIdleRunsAtOnceAndLeavesTheTurnToTheRea
 {
     ORVEX_REQUIRE_ISOLATION();
     signIn(800);
+    letTheWorkerWait();
     sendApart({kDelete1, kEnable2, kDisable3, kConfig, kClients});
     EXPECT_EQ(deviceSaw(), requests({kDelete1, kConfig, kEnable2, kClients, kDisable3}));
 }
@@ -87,6 +95,7 @@ TEST_F(CallOrder, ReadsThatArriveFirstAlternateWithTheChangesQueuedAfterThem)
 {
     ORVEX_REQUIRE_ISOLATION();
     signIn(800);
+    letTheWorkerWait();
     const Step config2{"get_device_rsyslog_config", R"({"again":true})", "GET /orvex/v1/rsyslog/config"};
     sendApart({kConfig, kClients, config2, kDelete1, kEnable2});
     EXPECT_EQ(deviceSaw(), requests({kConfig, kClients, kDelete1, config2, kEnable2}));

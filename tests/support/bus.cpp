@@ -1,6 +1,8 @@
 #include "tests/support/bus.h"
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -115,6 +117,33 @@ bool sendAll(int fd, const std::string& bytes)
         sent += static_cast<size_t>(n);
     }
     return true;
+}
+
+SentCall::SentCall(const std::string& address, const std::string& method, const std::string& body)
+    : fd_(rawConnect(address))
+{
+    if (fd_.get() < 0 || !sendAll(fd_.get(), callFrame(method, body)))
+        return;
+    // A stream socket's sent bytes count against it until the reader has taken them.
+    read_ = waitFor([this] {
+        int unread = -1;
+        return ::ioctl(fd_.get(), SIOCOUTQ, &unread) == 0 && unread == 0;
+    });
+}
+
+BusReply SentCall::reply(int timeoutMs)
+{
+    BusReply reply;
+    bool closed = false;
+    const std::string bytes = fd_.get() < 0 ? "" : readUntilClosed(fd_.get(), timeoutMs, closed);
+    Bus::Header header{};
+    if (!closed || bytes.size() < ZS_HEADER_SIZE ||
+        !Bus::decodeHeader(reinterpret_cast<const uint8_t*>(bytes.data()), header) ||
+        bytes.size() != ZS_HEADER_SIZE + header.bodyLength)
+        return reply;
+    reply.rc = 0;
+    reply.body = bytes.substr(ZS_HEADER_SIZE);
+    return reply;
 }
 
 bool callAndHangUp(const std::string& address, const std::string& method, const std::string& body, int passFd)

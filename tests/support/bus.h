@@ -71,6 +71,22 @@ int rawConnect(const std::string& address);
 // A raw listening socket on a bus address (a stand-in service); -1 when taken.
 int rawListen(const std::string& address);
 bool sendAll(int fd, const std::string& bytes);
+// One call sent on a connection of its own and already read whole by the server, its reply
+// still to come: calls sent one after another this way reach the server in that order,
+// however the machine schedules the callers.
+class SentCall {
+public:
+    SentCall(const std::string& address, const std::string& method, const std::string& body);
+    // The server took every byte of the call within the time-out.
+    bool read() const { return read_; }
+    // The reply's body once the server answers and hangs up; rc -1 when it does not.
+    BusReply reply(int timeoutMs = 30000);
+
+private:
+    UniqueFd fd_;
+    bool read_ = false;
+};
+
 // A caller that sends one whole call (with passFd as its reply descriptor when >= 0) and
 // hangs up at once, without waiting for the reply; false when it could not send.
 bool callAndHangUp(const std::string& address, const std::string& method, const std::string& body,
