@@ -162,6 +162,10 @@ TEST_F(Fleet, StopKillsASessionThatOutlivesSigtermAndTheGrace)
     EXPECT_EQ(stopped.status, 0) << stopped.out << stopped.err;
     EXPECT_EQ(stopped.out, "02:00:00:00:03:03 pid " + std::to_string(pid) + " ended (SIGKILL)\n") << stopped.err;
     EXPECT_EQ(held.daemon.process().wait(2s), 128 + SIGKILL);
+    // Killed, the process could not record its end: the stop did, as a normal stop.
+    RunResult status = ctl({"status", "02:00:00:00:03:03"});
+    EXPECT_EQ(status.status, 0) << status.out << status.err;
+    EXPECT_TRUE(contains(status.out, " stopped: SIGKILL after the stop's grace period (at ")) << status.out;
 }
 
 TEST_F(Fleet, StartKeepsThePasswordOutOfTheProcessListAndTheDaemon)
@@ -230,10 +234,16 @@ TEST_F(Fleet, AStrangersDecoyIsNeitherListedAsRunningNorSignalled)
 
     RunResult listed = ctl({"list", "--all"});
     EXPECT_EQ(listed.status, 0) << listed.err;
+    const std::string genuineRow = "02:00:00:00:06:02 pid " + std::to_string(genuine.process().pid()) + " running";
     std::vector<std::string> rows = lines(listed.out);
     ASSERT_EQ(rows.size(), 1u) << listed.out;
-    EXPECT_EQ(rows[0].rfind("02:00:00:00:06:02 pid " + std::to_string(genuine.process().pid()) + " running", 0), 0u)
-        << rows[0];
+    EXPECT_EQ(rows[0].rfind(genuineRow, 0), 0u) << rows[0];
+    // A third user, to whom neither program file shows, sees the same.
+    RunResult third = runAs(1, {ctlBinary(), "list", "--all"});
+    EXPECT_EQ(third.status, 0) << third.err;
+    rows = lines(third.out);
+    ASSERT_EQ(rows.size(), 1u) << third.out;
+    EXPECT_EQ(rows[0].rfind(genuineRow, 0), 0u) << rows[0];
     EXPECT_EQ(ctl({"stop", decoyMac, "--grace", "1"}).status, 3);
     RunResult all = ctl({"stop", "--all", "--grace", "1"});
     EXPECT_EQ(all.status, 0) << all.err;
