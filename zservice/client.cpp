@@ -186,12 +186,6 @@ bool trustedUid(uid_t uid)
     return uid == 0 || uid == geteuid();
 }
 
-int listenerUid(const char* address, uid_t& uid)
-{
-    pid_t pid = 0;
-    return zs_listener(address, &pid, &uid);
-}
-
 }  // namespace Orvex::Bus
 
 int zs_listener(const char* address, pid_t* pid, uid_t* uid)

@@ -73,8 +73,6 @@ bool peerCredentials(int fd, ucred& cred);
 bool peerUid(int fd, uid_t& uid);
 // The trust rule both ways: root, or our own effective user id.
 bool trustedUid(uid_t uid);
-// Connects to address (nothing is sent) and reads the listener's uid; 0, or -1 with errno.
-int listenerUid(const char* address, uid_t& uid);
 
 // The process-wide signal self-pipe: read end for the loop (created on first use and
 // again in a forked child), and the drain that runs the registered callbacks.

@@ -179,8 +179,9 @@ int loadBody(const Arguments& args, zs_io* io)
 
 void reportUntrusted(const char* address)
 {
+    pid_t pid = 0;
     uid_t uid = 0;
-    if (Orvex::Bus::listenerUid(address, uid) == 0)
+    if (zs_listener(address, &pid, &uid) == 0)
         fprintf(stderr, "zs-call: the listener at %s runs as uid %u, neither root nor us: nothing sent\n",
                 address, static_cast<unsigned>(uid));
     else
