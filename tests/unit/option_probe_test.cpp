@@ -7,10 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -79,21 +79,12 @@ std::function<std::string()> portOfNobody(int type)
 // closed to it. "verdict:" and the outcome, or why there is none.
 std::string outcomeWithoutCapabilities(const std::string& args)
 {
-    int verdict[2];
-    if (pipe(verdict) != 0)
-        return "no pipe";
+    Test::TempDir dir;
     Test::inChild([&] {
-        close(verdict[0]);
-        std::string said = Test::dropCapabilities() ? "verdict:" + outcome<SyslogServerOption>(args) : "capset refused";
-        _exit(write(verdict[1], said.data(), said.size()) == ssize_t(said.size()) ? 0 : 1);
+        std::ofstream(dir.file("verdict"))
+            << (Test::dropCapabilities() ? "verdict:" + outcome<SyslogServerOption>(args) : "capset refused");
     });
-    close(verdict[1]);
-    std::string said;
-    char buffer[256];
-    for (ssize_t n; (n = read(verdict[0], buffer, sizeof buffer)) > 0;)
-        said.append(buffer, size_t(n));
-    close(verdict[0]);
-    return said;
+    return Test::readFile(dir.file("verdict"));
 }
 
 class PortProbe : public ::testing::Test {
