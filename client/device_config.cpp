@@ -10,6 +10,7 @@
 
 #include <jansson.h>
 
+#include "common/files.h"
 #include "common/paths.h"
 #include "common/raii.h"
 
@@ -114,23 +115,11 @@ void removeIfThere(const std::string& path, bool& removed)
 void writeRootOnlyFile(const std::string& path, const std::string& text)
 {
     ownFolder();
-    std::string temporary = path + ".XXXXXX";
-    // mkstemp creates with O_EXCL and mode 0600, so neither a planted name nor a reader
-    // between creation and rename sees more than it should.
-    UniqueFd fd(::mkostemp(&temporary[0], O_CLOEXEC));
-    if (!fd)
+    Replaced result = replaceFile(path, text, 0600, true);
+    if (result == Replaced::NotCreated)
         failErrno(path, "cannot create");
-    bool ok = ::fchmod(fd.get(), 0600) == 0 &&
-              ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-              ::fsync(fd.get()) == 0;
-    int saved = errno;
-    fd.reset();
-    if (ok && ::rename(temporary.c_str(), path.c_str()) == 0)
-        return;
-    saved = ok ? errno : saved;
-    ::unlink(temporary.c_str());
-    errno = saved;
-    failErrno(path, "cannot write");
+    if (result == Replaced::NotWritten)
+        failErrno(path, "cannot write");
 }
 
 void writeDeviceConfig(const DeviceConfig& c)

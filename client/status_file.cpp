@@ -11,6 +11,7 @@
 
 #include <jansson.h>
 
+#include "common/files.h"
 #include "common/paths.h"
 #include "common/raii.h"
 #include "common/utf8.h"
@@ -98,23 +99,9 @@ bool writeStatus(const StatusRecord& record)
 {
     if (!ownFolder(Paths::kStatusDirectory))
         return false;
-    std::string path = Paths::statusPath(record.mac);
-    std::string temporary = path + ".XXXXXX";
-    // mkstemp creates with O_EXCL, so a planted name is never followed.
-    UniqueFd fd(::mkostemp(&temporary[0], O_CLOEXEC));
-    if (!fd)
-        return false;
     // One write: json_dumpfd would make a system call per token, at every keep-alive tick.
     std::string text = renderStatus(record) + '\n';
-    bool ok = text.size() > 1 && ::fchmod(fd.get(), 0644) == 0 &&
-              ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    fd.reset();
-    if (ok && ::rename(temporary.c_str(), path.c_str()) == 0)
-        return true;
-    int saved = errno;
-    ::unlink(temporary.c_str());
-    errno = saved;
-    return false;
+    return text.size() > 1 && replaceFile(Paths::statusPath(record.mac), text, 0644, false) == Replaced::Done;
 }
 
 bool readStatus(const std::string& mac, StatusRecord& r)

@@ -1,12 +1,18 @@
 #include "common/exceptions.h"
+#include "common/files.h"
 #include "common/misc.h"
 #include "common/trace.h"
 #include "tests/support/log.h"
+#include "tests/support/process.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -72,6 +78,32 @@ TEST(Files, WholeFileKeepsNulBytesAndMissingFileIsEmpty)
     EXPECT_EQ(get_file_context(path), "");
     char noTemplate[] = "/tmp/orvex-no-template";
     EXPECT_EQ(create_temp_file(noTemplate), -1);
+}
+
+TEST(Files, ReplacingTakesTheModeNeverFollowsALinkAndLeavesNoTemporaryBehind)
+{
+    Orvex::Test::TempDir dir;
+    const std::string path = dir.file("settings"), target = dir.file("target");
+    ASSERT_EQ(replaceFile(path, "first", 0600, true), Replaced::Done);
+    ASSERT_EQ(replaceFile(path, "second", 0644, false), Replaced::Done);
+    EXPECT_EQ(Orvex::Test::readFile(path), "second");
+    EXPECT_EQ(Orvex::Test::modeOf(path), 0644u);
+    // A link planted at the path is replaced; where it led stays as it was.
+    std::ofstream(target) << "kept";
+    ASSERT_EQ(::unlink(path.c_str()), 0);
+    ASSERT_EQ(::symlink(target.c_str(), path.c_str()), 0);
+    ASSERT_EQ(replaceFile(path, "new", 0600, false), Replaced::Done);
+    EXPECT_EQ(Orvex::Test::readFile(target), "kept");
+    EXPECT_EQ(Orvex::Test::readFile(path), "new");
+    EXPECT_EQ(Orvex::Test::modeOf(path), 0600u);
+    // A folder in the way fails the rename, a missing folder the creation.
+    ASSERT_EQ(::mkdir(dir.file("busy").c_str(), 0755), 0);
+    EXPECT_EQ(replaceFile(dir.file("busy"), "x", 0600, false), Replaced::NotWritten);
+    EXPECT_EQ(replaceFile(dir.file("missing/file"), "x", 0600, false), Replaced::NotCreated);
+    std::set<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
+        left.insert(entry.path().filename());
+    EXPECT_EQ(left, (std::set<std::string>{"busy", "settings", "target"}));
 }
 
 TEST_F(TraceTest, EnterAndLeaveLinesOnlyAtTraceLevel)
