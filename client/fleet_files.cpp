@@ -145,8 +145,11 @@ std::vector<std::string> readMacFile(const std::string& path)
 {
     std::vector<std::string> macs;
     std::set<std::string> seen;
-    for (const Line& line : contentLines(readWhole(path, nullptr), false))
-        macs.push_back(macField(path, line, fields(line.text).front(), seen));
+    for (const Line& line : contentLines(readWhole(path, nullptr), false)) {
+        // A line of separators alone is named like any other line without a MAC.
+        std::vector<std::string> f = fields(line.text);
+        macs.push_back(macField(path, line, f.empty() ? std::string() : f.front(), seen));
+    }
     if (macs.empty())
         fail(path, 0, "names no MAC address");
     return macs;

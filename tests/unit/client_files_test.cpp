@@ -54,6 +54,9 @@ TEST(FleetFiles, DeviceLinesTakeBlanksOrCommasCommentsAndTheSecureWords)
     // A device file serves as a MAC file too.
     EXPECT_EQ(readMacFile(fileWith(dir, "00:11:22:33:44:AA 10.0.0.1 443 admin\n# x\n02:00:00:00:00:01\n")),
         (std::vector<std::string>{"00:11:22:33:44:aa", "02:00:00:00:00:01"}));
+    const std::string separators = fileWith(dir, "02:00:00:00:00:01\n , ,\n");
+    EXPECT_EQ(errorOf([&] { readMacFile(separators); }),
+        separators + ":2: '' is not a MAC address (six hex pairs joined by ':')");
 }
 
 TEST(FleetFiles, AWrongLineIsNamedWithItsFileAndNumber)
