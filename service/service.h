@@ -65,7 +65,9 @@ public:
     // their own: no hand-over between threads per call. Call before start().
     void runCallsOnBusThreads();
     // tick runs, on each tick(), between two WORKER_THREAD calls (never beside one) and
-    // never after stop(). Set it before start(); tick() may be called from any thread.
+    // never after stop(): on the thread running calls then, or on the caller of tick()
+    // while none runs. Only after runCallsOnBusThreads(). Set it before start(); tick()
+    // may be called from any thread.
     void setTick(std::function<void()> tick);
     void tick();
     // Logs, sorts and starts the thread workers that registered endpoints use (an unused

@@ -104,7 +104,7 @@ bool Session::signinUnlessSignedIn(json_t*& out, SigninOption& opt)
 {
     ORVEX_TRACE();
     Lock lock(mutex);
-    if (!sid.empty() && !signedOut)
+    if (holdsSession())
         return false;
     return signin(out, opt);
 }

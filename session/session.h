@@ -139,6 +139,8 @@ private:
 
     void addCredentials(Poco::Net::HTTPRequest& request) const;
     void requireSignin() const;
+    // What the status calls signed in: a session id that no sign-out has ended.
+    bool holdsSession() const;
     void clearFields();
     // One remote-syslog operation: lock, sign-in check, then target and body (built only
     // then), the request, the traced answer (under the operation's name), and the answer

@@ -162,6 +162,11 @@ void Session::requireSignin() const
         throw SessionException("not signin", 403);
 }
 
+bool Session::holdsSession() const
+{
+    return !sid.empty() && !signedOut;
+}
+
 FirmwareFamily Session::getFamily() const
 {
     Lock lock(mutex);
@@ -215,7 +220,7 @@ void Session::setObserver(std::function<void(const SessionStatus&)> fn)
 void Session::publish(bool notify)
 {
     SessionStatus now{int(family), host,     port,     secure,   model,
-                      serial,      firmware, hostname, !sid.empty() && !signedOut,
+                      serial,      firmware, hostname, holdsSession(),
                       session_detail::causeName(signinFailure)};
     std::function<void(const SessionStatus&)> fn;
     {

@@ -215,7 +215,7 @@ void inlineCall(zs_io*, json_t*& args, int&)
 
 }  // namespace
 
-TEST(InlineWorker, CallsRunOnTheDrainingThreadOneAtATimeInTickTockOrderWithTheTickBetween)
+TEST(InlineWorker, CallsRunOnTheThreadThatFoundItWaitingOneAtATimeInTickTockOrderWithTheTickBetween)
 {
     PthreadWorker worker;
     worker.setInline(true);
