@@ -47,6 +47,10 @@ struct Outcome {
     std::string message;
 };
 
+// The one-device form of an outcome: the reply on standard output, the reason on standard
+// error; returns the exit code.
+int printOutcome(const Outcome& outcome);
+
 struct StartRequest {
     DeviceEntry device;
     std::string pass;

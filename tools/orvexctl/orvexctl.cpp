@@ -72,16 +72,6 @@ std::string environmentPassword(const std::string& name)
     return pass;
 }
 
-// The one-device form of an outcome: the reply on standard output, the reason on error.
-int printOutcome(const Outcome& outcome)
-{
-    if (outcome.reply)
-        printJson(outcome.reply.get());
-    if (!outcome.message.empty())
-        std::fprintf(stderr, "orvexctl: %s\n", outcome.message.c_str());
-    return outcome.code;
-}
-
 int runStart(const Command& command)
 {
     StartRequest request;
@@ -273,6 +263,15 @@ void printJson(json_t* value)
         std::fflush(stdout);
     }
     free(text);
+}
+
+int printOutcome(const Outcome& outcome)
+{
+    if (outcome.reply)
+        printJson(outcome.reply.get());
+    if (!outcome.message.empty())
+        std::fprintf(stderr, "orvexctl: %s\n", outcome.message.c_str());
+    return outcome.code;
 }
 
 std::string compactJson(json_t* value)
