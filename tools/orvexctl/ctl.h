@@ -66,6 +66,8 @@ Outcome startDevice(const StartRequest& request);
 Outcome makeRoom(const std::string& mac, bool replace);
 // The exit code of a sign-in that failed with the cause the daemon recorded.
 int signinExitCode(const std::string& cause);
+// The argument object of call (command.json); UsageError unless it is one JSON object.
+JsonRef callArguments(const Command& command);
 // args: the call's argument object (borrowed, not changed).
 Outcome callDevice(const std::string& mac, const std::string& method, json_t* args, int timeoutSeconds);
 

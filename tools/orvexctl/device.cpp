@@ -139,6 +139,14 @@ Outcome startDevice(const StartRequest& request)
     });
 }
 
+JsonRef callArguments(const Command& command)
+{
+    JsonRef args = JsonRef::adopt(json_loads(command.json.c_str(), 0, nullptr));
+    if (!json_is_object(args.get()))
+        throw UsageError("the arguments of " + command.method + " must be one JSON object");
+    return args;
+}
+
 Outcome callDevice(const std::string& mac, const std::string& method, json_t* args, int timeoutSeconds)
 {
     return guarded(mac, method, timeoutSeconds, [&] {

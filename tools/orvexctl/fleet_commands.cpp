@@ -98,9 +98,7 @@ int runStartFrom(const Command& command)
 
 int runCallMany(const Command& command)
 {
-    JsonRef args = JsonRef::adopt(json_loads(command.json.c_str(), 0, nullptr));
-    if (!json_is_object(args.get()))
-        throw UsageError("the arguments of " + command.method + " must be one JSON object");
+    callArguments(command);  // refused before any session is called
     const std::vector<std::string> macs = command.file.empty() ? runningMacs() : readMacFile(command.file);
     return runFleet(macs, command.parallel, [&](size_t i) {
         // Each thread its own copy: jansson values are not shared between threads.

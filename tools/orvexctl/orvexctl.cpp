@@ -87,18 +87,14 @@ int runStart(const Command& command)
 
 int runCall(const Command& command)
 {
-    JsonRef args = JsonRef::adopt(json_loads(command.json.c_str(), 0, nullptr));
-    if (!json_is_object(args.get()))
-        throw UsageError("the arguments of " + command.method + " must be one JSON object");
+    JsonRef args = callArguments(command);
     return printOutcome(callDevice(command.mac, command.method, args.get(), command.timeoutSeconds));
 }
 
 // help answers with plain text, which the JSON call path would drop: ask the bus directly.
 int runHelp(const Command& command)
 {
-    JsonRef args = JsonRef::adopt(json_loads(command.json.c_str(), 0, nullptr));
-    if (!json_is_object(args.get()))
-        throw UsageError("the arguments of help must be one JSON object");
+    JsonRef args = callArguments(command);
     ZsIoPtr io = makeZsIo();
     char* body = json_dumps(args.get(), JSON_COMPACT);
     zs_io_write(io.get(), body, strlen(body));
