@@ -59,6 +59,10 @@ struct StartRequest {
     bool replace = false;
 };
 
+// start and start --from: the command's settings for one device, without the password.
+StartRequest startRequest(const Command& command, const DeviceEntry& device);
+// Throws unless the daemon that start launches is installed.
+void requireDaemon();
 // Never throw: every failure is an outcome.
 Outcome startDevice(const StartRequest& request);
 // Before a new session of the MAC: nothing when none runs; kExitRunning when one runs and

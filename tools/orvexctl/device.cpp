@@ -1,6 +1,9 @@
 // One device's start or call, as an outcome: what both the one-device commands and the
 // fleet commands run.
+#include <unistd.h>
+
 #include <exception>
+#include <stdexcept>
 
 #include <Poco/Exception.h>
 
@@ -8,6 +11,7 @@
 #include "client/fleet.h"
 #include "common/exceptions.h"
 #include "common/misc.h"
+#include "common/paths.h"
 #include "option/option.h"
 #include "tools/orvexctl/ctl.h"
 
@@ -114,6 +118,22 @@ Outcome makeRoom(const std::string& mac, bool replace)
         return failed(kExitFailure, strformat("the session for MAC %s (pid %d) did not stop; nothing started", mac.c_str(),
                                               static_cast<int>(info.pid)));
     return Outcome{};
+}
+
+StartRequest startRequest(const Command& command, const DeviceEntry& device)
+{
+    StartRequest request;
+    request.device = device;
+    request.level = command.level;
+    request.timeoutSeconds = command.timeoutSeconds;
+    request.replace = command.replace;
+    return request;
+}
+
+void requireDaemon()
+{
+    if (::access(Paths::kDaemonPath, X_OK) != 0)
+        throw std::runtime_error(std::string(Paths::kDaemonPath) + " is not installed");
 }
 
 Outcome startDevice(const StartRequest& request)

@@ -74,14 +74,10 @@ std::string environmentPassword(const std::string& name)
 
 int runStart(const Command& command)
 {
-    StartRequest request;
+    StartRequest request =
+        startRequest(command, DeviceEntry{command.mac, command.ip, command.port, command.user, command.secure});
     request.pass = password(command);
-    if (access(Paths::kDaemonPath, X_OK) != 0)
-        throw std::runtime_error(std::string(Paths::kDaemonPath) + " is not installed");
-    request.device = DeviceEntry{command.mac, command.ip, command.port, command.user, command.secure};
-    request.level = command.level;
-    request.timeoutSeconds = command.timeoutSeconds;
-    request.replace = command.replace;
+    requireDaemon();
     return printOutcome(startDevice(request));
 }
 
