@@ -18,7 +18,7 @@ namespace {
 
 const std::string kMac = "02:00:00:00:25:40";
 
-class Enable : public ::testing::Test {
+class Enable : public IsolatedTest {
 protected:
     void SetUp() override
     {
@@ -36,6 +36,7 @@ protected:
         removeDeviceFiles(kMac);
         std::filesystem::remove_all(Paths::dropInDirectory(kMac));
         std::filesystem::remove_all("/run/systemd");
+        IsolatedTest::TearDown();
     }
     void tool(const std::string& name, const std::string& body)
     {
@@ -161,7 +162,6 @@ TEST_F(Enable, ASessionThatOrvexctlStartRunsIsRefusedUnlessReplaced)
     r = orvexctl(enable_);
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(instance.running()) << "enable stopped the unit's own instance";
-    killSessions();
 }
 
 }  // namespace

@@ -45,11 +45,7 @@ std::string linkOf(const std::string& path)
     return std::filesystem::read_symlink(path, error).string();
 }
 
-class DaemonFiles : public ::testing::Test {
-protected:
-    void SetUp() override { ORVEX_REQUIRE_ISOLATION(); }
-    void TearDown() override { killSessions(); }
-};
+using DaemonFiles = IsolatedTest;
 
 // Whatever a stranger put or holds at the lock file's name is never followed, written or
 // waited on, and never keeps the MAC from starting: the daemon swaps in a file of its own.

@@ -11,11 +11,7 @@ namespace {
 
 const std::string kMac = "02:00:00:00:25:20";
 
-class UnitInstance : public ::testing::Test {
-protected:
-    void SetUp() override { ORVEX_REQUIRE_ISOLATION(); }
-    void TearDown() override { killSessions(); }
-};
+using UnitInstance = IsolatedTest;
 
 std::string signedIn(const char* family, int port, bool secure = false)
 {

@@ -85,12 +85,19 @@ void installDaemon();
 // only its own, also when several run in one namespace.
 void clearSessions();
 
+// A test that starts daemons: skipped outside tests/isolate.sh, and none of its session
+// processes outlives it.
+class IsolatedTest : public ::testing::Test {
+protected:
+    void SetUp() override { ORVEX_REQUIRE_ISOLATION(); }
+    void TearDown() override { killSessions(); }
+};
+
 // A test of the front end on sessions it starts (isolated only): the daemon installed
 // where the front end launches it, no other session around, and none left after it.
-class FrontEndTest : public ::testing::Test {
+class FrontEndTest : public IsolatedTest {
 protected:
     void SetUp() override;
-    void TearDown() override { killSessions(); }
     // orvexctl start for a device on 127.0.0.1 as admin, the password from DEVICE_PASS
     // through --pass-env; extra {} leaves it to ORVEX_PASS (also set).
     static RunResult start(const std::string& mac, int port, const std::string& pass, bool secure,
