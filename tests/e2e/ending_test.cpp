@@ -16,12 +16,6 @@ namespace {
 
 using SessionEnds = FrontEndTest;
 
-std::string text(json_t* object, const char* key)
-{
-    const char* value = json_string_value(json_object_get(object, key));
-    return value ? value : "";
-}
-
 // The entries of `list --all --json`, by MAC.
 std::map<std::string, JsonRef> listedByMac(const std::vector<std::string>& extra = {"--all"})
 {
@@ -31,7 +25,7 @@ std::map<std::string, JsonRef> listedByMac(const std::vector<std::string>& extra
     std::map<std::string, JsonRef> byMac;
     for (size_t i = 0; i < json_array_size(list.get()); ++i) {
         json_t* entry = json_array_get(list.get(), i);
-        byMac[text(entry, "mac")] = JsonRef::borrow(entry);
+        byMac[textAt(entry, "mac")] = JsonRef::borrow(entry);
     }
     return byMac;
 }
@@ -78,11 +72,11 @@ TEST_F(SessionEnds, EveryWayOfEndingIsRecordedListedAndTimed)
     };
     std::map<std::string, JsonRef> all = listedByMac();
     ASSERT_EQ(all.size(), 7u);
-    EXPECT_EQ(text(all[running].get(), "state"), "running");
+    EXPECT_EQ(textAt(all[running].get(), "state"), "running");
     for (const auto& [mac, e] : expected) {
         json_t* entry = all[mac].get();
-        EXPECT_EQ(text(entry, "state"), e.state) << mac;
-        EXPECT_EQ(text(entry, "reason"), e.reason) << mac;
+        EXPECT_EQ(textAt(entry, "state"), e.state) << mac;
+        EXPECT_EQ(textAt(entry, "reason"), e.reason) << mac;
         EXPECT_EQ(json_is_true(json_object_get(entry, "abnormal")), e.abnormal) << mac;
         EXPECT_FALSE(json_is_true(json_object_get(entry, "signed_in"))) << mac << ": ended still signed in";
         // The process itself says so when it can (a kill leaves it no word).

@@ -96,6 +96,12 @@ std::string dump(json_t* value)
     return result;
 }
 
+std::string textAt(json_t* object, const char* key)
+{
+    json_t* value = json_object_get(object, key);
+    return json_is_string(value) ? std::string(json_string_value(value), json_string_length(value)) : "";
+}
+
 namespace {
 
 void redirect(int target, const std::string& path, int flags)

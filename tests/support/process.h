@@ -50,6 +50,8 @@ inline bool contains(const std::string& text, const std::string& part)
 JsonRef parseJson(const std::string& text);
 // Compact text of a value, keys sorted (for comparisons and messages).
 std::string dump(json_t* value);
+// The string under key of a JSON object, "" when there is none.
+std::string textAt(json_t* object, const char* key);
 
 struct Spawn {
     std::vector<std::string> argv;
