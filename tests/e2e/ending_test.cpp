@@ -146,11 +146,10 @@ TEST_F(SessionEnds, ForgetClearsWhatEndedButNeitherRunningSessionsNorLockFiles)
 // Another user sees the sessions as they are, and is told which commands need root.
 TEST_F(SessionEnds, AnotherUserSeesRunningSessionsAndIsToldWhatNeedsRoot)
 {
-    constexpr int kNobody = 65534;
     Devsim device("token", false);
     const std::string mac = "02:00:00:00:08:01";
     ASSERT_EQ(start(mac, device.port(), "secret", false).status, 0);
-    RunResult list = runAs(kNobody, {ctlBinary(), "list"});
+    RunResult list = ctlAs(kNobody, {"list"});
     EXPECT_EQ(list.status, 0) << list.err;
     EXPECT_EQ(list.out.rfind(mac + " pid " + std::to_string(lockHolder(mac)) + " running up ", 0), 0u) << list.out;
     const std::vector<std::pair<std::vector<std::string>, std::string>> rootOnly = {
@@ -160,9 +159,7 @@ TEST_F(SessionEnds, AnotherUserSeesRunningSessionsAndIsToldWhatNeedsRoot)
         {{"forget", "--ended"}, "forget"},
     };
     for (const auto& [args, name] : rootOnly) {
-        std::vector<std::string> argv = {ctlBinary()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        RunResult refused = runAs(kNobody, argv);
+        RunResult refused = ctlAs(kNobody, args);
         EXPECT_EQ(refused.status, 8) << name;
         EXPECT_EQ(refused.err, "orvexctl: " + name + " needs root: the session processes run as root and answer root alone\n");
     }

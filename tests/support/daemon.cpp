@@ -150,11 +150,25 @@ void killSessions()
     globfree(&found);
 }
 
-RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& input)
+namespace {
+
+std::vector<std::string> ctlArgv(const std::vector<std::string>& args)
 {
     std::vector<std::string> argv = {ctlBinary()};
     argv.insert(argv.end(), args.begin(), args.end());
-    return run(argv, env, input);
+    return argv;
+}
+
+}  // namespace
+
+RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& input)
+{
+    return run(ctlArgv(args), env, input);
+}
+
+RunResult ctlAs(int uid, const std::vector<std::string>& args)
+{
+    return runAs(uid, ctlArgv(args));
 }
 
 void installDaemon()

@@ -78,6 +78,8 @@ void killSessions();
 // The front end (orvexctl) with these words, run to its end.
 RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
     const std::string& input = "");
+// The same as another user (see Spawn::uid).
+RunResult ctlAs(int uid, const std::vector<std::string>& args);
 // The built daemon put where the front end launches it: a new file renamed over the old
 // one, as a package upgrade does.
 void installDaemon();
