@@ -150,7 +150,7 @@ TEST_F(FrontEnd, LogsShowOneDevicesLinesFollowThemAndUseTheJournalForAUnit)
     // A service manager's instance: the journal has its lines.
     writeFile(dir, "journalctl", "#!/bin/sh\necho \"journalctl $*\"\n", 0755);
     const std::string unit = "02:00:00:00:12:03";
-    Child instance(Spawn{{daemonBinary(), "-d", "-m", unit}, {"INVOCATION_ID=0123456789abcdef"}, "", "", false});
+    Daemon instance(unit, {}, daemonBinary(), {}, kServiceManagerEnv);
     ASSERT_TRUE(waitFor([&] { return answers(unit); }));
     RunResult journal = ctl({"logs", unit, "-n", "5", "-f"}, {"PATH=" + dir.path() + ":/usr/bin:/bin"});
     EXPECT_EQ(journal.status, 0) << journal.err;

@@ -154,11 +154,11 @@ TEST_F(Enable, ASessionThatOrvexctlStartRunsIsRefusedUnlessReplaced)
     EXPECT_EQ(started.process().wait(10s), 0) << "the started session was not stopped";
     EXPECT_TRUE(std::filesystem::exists(Paths::configPath(kMac)));
 
-    Child instance(Spawn{{daemonBinary(), "-d", "-m", kMac}, {"INVOCATION_ID=0123456789abcdef"}, "", "", false});
+    Daemon instance(kMac, {}, daemonBinary(), {}, kServiceManagerEnv);
     ASSERT_TRUE(waitFor([] { return answers(kMac); }));
     r = orvexctl(enable_);
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(instance.running()) << "enable stopped the unit's own instance";
+    EXPECT_TRUE(instance.process().running()) << "enable stopped the unit's own instance";
 }
 
 }  // namespace

@@ -274,16 +274,16 @@ TEST_F(DaemonFiles, NotifiesReadyOnlyWhenServingThenSessionStatusAndStopping)
     NotifySocket manager(dir.file("notify"));
     ASSERT_TRUE(manager.bound());
     Devsim device("legacy", false);
-    Child daemon(Spawn{{daemonBinary(), "-d", "-m", kMac}, {"NOTIFY_SOCKET=" + dir.file("notify")}, "", "", false});
+    Daemon daemon(kMac, {}, daemonBinary(), {}, {"NOTIFY_SOCKET=" + manager.path()});
     ASSERT_EQ(manager.next(), "READY=1");
     EXPECT_TRUE(answers(kMac)) << "READY=1 before the bus answers";
-    ASSERT_EQ(sessionCall(kMac, "signin", device.signinArgs()).rc, 0);
+    ASSERT_EQ(daemon.call("signin", device.signinArgs()).rc, 0);
     EXPECT_EQ(manager.next().rfind("STATUS=signed in to legacy device 127.0.0.1:", 0), 0u);
-    daemon.signal(SIGTERM);
+    daemon.process().signal(SIGTERM);
     EXPECT_EQ(manager.next(), "STOPPING=1");
     // The legacy family keeps its session id after the sign-out; the status must not.
     EXPECT_EQ(manager.next(), "STATUS=signed out") << "the shutdown's sign-out";
-    EXPECT_EQ(daemon.wait(), 0);
+    EXPECT_EQ(daemon.process().wait(), 0);
 }
 
 // Only a daemon in the foreground is a unit's process: one that detached must not speak

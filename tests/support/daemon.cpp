@@ -98,10 +98,10 @@ const std::vector<std::string>& withoutCapabilities()
 }
 
 Daemon::Daemon(const std::string& mac, const std::vector<std::string>& extra, const std::string& binary,
-    const std::vector<std::string>& wrapper)
+    const std::vector<std::string>& wrapper, const std::vector<std::string>& env)
     : mac_(mac)
 {
-    Spawn spawn{wrapper, {}, dir_.file("stdout"), dir_.file("stderr"), false};
+    Spawn spawn{wrapper, env, dir_.file("stdout"), dir_.file("stderr"), false};
     spawn.argv.insert(spawn.argv.end(), {binary, "-d", "-m", mac});
     spawn.argv.insert(spawn.argv.end(), extra.begin(), extra.end());
     child_ = std::make_unique<Child>(spawn);

@@ -40,14 +40,19 @@ BusReply sessionCall(const std::string& mac, const std::string& method, const st
 // (put before the program's own).
 const std::vector<std::string>& withoutCapabilities();
 
+// What a service manager puts into the environment of its units' processes: the daemon
+// then knows it runs as a unit's instance.
+inline const std::vector<std::string> kServiceManagerEnv = {"INVOCATION_ID=0123456789abcdef"};
+
 // orvex-session -d -m MAC [extra] as a child, its console output in files, started through
-// wrapper (words put before the program's, e.g. withoutCapabilities()) when given. ready()
-// waits until the bus answers (an unknown method gets its 404 at once) or the process has
-// ended.
+// wrapper (words put before the program's, e.g. withoutCapabilities()) when given, with env
+// (NAME=VALUE) added to its environment. ready() waits until the bus answers (an unknown
+// method gets its 404 at once) or the process has ended.
 class Daemon {
 public:
     explicit Daemon(const std::string& mac, const std::vector<std::string>& extra = {},
-        const std::string& binary = daemonBinary(), const std::vector<std::string>& wrapper = {});
+        const std::string& binary = daemonBinary(), const std::vector<std::string>& wrapper = {},
+        const std::vector<std::string>& env = {});
     bool ready(std::chrono::milliseconds timeout = 10s);
     Child& process() { return *child_; }
     std::string log() const { return readFile(dir_.file("stderr")); }
