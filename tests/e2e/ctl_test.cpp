@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <map>
 
 #include "common/paths.h"
@@ -19,14 +18,6 @@ namespace {
 
 using FrontEnd = FrontEndTest;
 using Clock = std::chrono::steady_clock;
-
-std::string writeFile(const TempDir& dir, const std::string& name, const std::string& content, mode_t mode)
-{
-    std::string path = dir.file(name);
-    std::ofstream(path) << content;
-    chmod(path.c_str(), mode);
-    return path;
-}
 
 // The JSON lines of a fleet command, by MAC; the summary under "".
 std::map<std::string, JsonRef> linesByMac(const std::string& out)
@@ -148,7 +139,7 @@ TEST_F(FrontEnd, LogsShowOneDevicesLinesFollowThemAndUseTheJournalForAUnit)
     EXPECT_FALSE(contains(followed, other)) << followed;
 
     // A service manager's instance: the journal has its lines.
-    writeFile(dir, "journalctl", "#!/bin/sh\necho \"journalctl $*\"\n", 0755);
+    writeFile(dir.file("journalctl"), "#!/bin/sh\necho \"journalctl $*\"\n", 0755);
     const std::string unit = "02:00:00:00:12:03";
     Daemon instance(unit, {}, daemonBinary(), {}, kServiceManagerEnv);
     ASSERT_TRUE(waitFor([&] { return answers(unit); }));
@@ -164,18 +155,18 @@ TEST_F(FrontEnd, StartsAFleetFromAFileAndCallsManySessionsAtOnce)
         startDevsim({ORVEX_DEVSIM, "--family", "mixed", "--devices", "3", "--port", "0", "--stdin-watch"}, 3, sim);
     const std::string a = "02:00:00:00:13:01", b = "02:00:00:00:13:02", c = "02:00:00:00:13:03";
     TempDir dir;
-    const std::string devices = writeFile(dir, "devices",
+    const std::string devices = writeFile(dir.file("devices"),
         "# MAC IP PORT USER SECURE\n" + a + " 127.0.0.1 " + std::to_string(ports[0]) + " admin\n" + b + ", 127.0.0.1, " +
             std::to_string(ports[1]) + ", admin, plain\n\n" + c + " 127.0.0.1 " + std::to_string(ports[2]) +
             " admin no  # the third\n",
         0644);
-    const std::string open = writeFile(dir, "open", a + " secret\n", 0644);
+    const std::string open = writeFile(dir.file("open"), a + " secret\n", 0644);
     RunResult refused = ctl({"start", "--from", devices, "--pass-file", open});
     EXPECT_EQ(refused.status, 2);
     EXPECT_EQ(refused.err, "orvexctl: " + open + ": may be read or written by others (mode 0644): refused; chmod 600 it\n");
     EXPECT_EQ(lockHolder(a), 0);
 
-    const std::string passwords = writeFile(dir, "passwords", a + " secret\n" + b + " wrong\n" + c + " secret\n", 0600);
+    const std::string passwords = writeFile(dir.file("passwords"), a + " secret\n" + b + " wrong\n" + c + " secret\n", 0600);
     RunResult started = ctl({"start", "--from", devices, "--pass-file", passwords, "--parallel", "2"});
     EXPECT_EQ(started.status, 1) << started.err;
     std::map<std::string, JsonRef> results = linesByMac(started.out);

@@ -3,11 +3,9 @@
 // systemd-creds' standard input or in its own file), the systemctl steps, the fallback to
 // a plain credential, disable leaving nothing, the root check, and a session of orvexctl
 // start in the way.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "client/device_config.h"
 #include "common/paths.h"
@@ -40,8 +38,7 @@ protected:
     }
     void tool(const std::string& name, const std::string& body)
     {
-        std::ofstream(bin_.file(name)) << "#!/bin/sh\n" << body;
-        chmod(bin_.file(name).c_str(), 0755);
+        writeFile(bin_.file(name), "#!/bin/sh\n" + body, 0755);
     }
     RunResult orvexctl(const std::vector<std::string>& words, const std::vector<std::string>& env = {})
     {

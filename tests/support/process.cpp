@@ -72,6 +72,13 @@ std::string readFile(const std::string& path)
     return text.str();
 }
 
+std::string writeFile(const std::string& path, const std::string& content, unsigned mode)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    chmod(path.c_str(), mode);
+    return path;
+}
+
 std::vector<std::string> lines(const std::string& text)
 {
     std::vector<std::string> out;

@@ -38,6 +38,8 @@ private:
 // Re-checks cond every few milliseconds until it holds or the time is up.
 bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout = 10s);
 std::string readFile(const std::string& path);
+// Writes content as the whole file at path with these permission bits; returns path.
+std::string writeFile(const std::string& path, const std::string& content, unsigned mode = 0644);
 // Permission bits of path itself (a link is not followed), 0 when there is nothing.
 unsigned modeOf(const std::string& path);
 // The lines of a text, without their ends (a last line without one is left out).
