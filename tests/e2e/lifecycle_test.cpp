@@ -201,25 +201,22 @@ TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFi
     // Rotation renames the current file to .0 and .0 to .1: at each rotation from the
     // second on, the newest archive and the current file hold exactly what was written
     // since the one before. Every call's lines must be there: nobody wrote into an older file.
-    auto inodeOf = [](const std::string& suffix) {
-        struct stat st{};
-        return stat((std::string(Paths::kLogPath) + suffix).c_str(), &st) == 0 ? st.st_ino : 0;
-    };
+    auto logInode = [](const std::string& suffix) { return inodeOf(std::string(Paths::kLogPath) + suffix); };
     std::map<std::string, size_t> calls;
     int rotations = 0;
-    for (ino_t seen = inodeOf(".0"); rotations < 4;) {
+    for (ino_t seen = logInode(".0"); rotations < 4;) {
         for (const std::string& mac : macs) {
             ASSERT_EQ(sessionCall(mac, "ping").rc, 0);
             ++calls[std::to_string(lockHolder(mac))];
         }
-        if (inodeOf(".0") == seen)
+        if (logInode(".0") == seen)
             continue;
         // The archive before moved on to .1; nothing older than .1 is kept.
         if (seen != 0) {
-            EXPECT_EQ(inodeOf(".1"), seen) << "rotation " << rotations + 1 << " did not move .0 to .1";
+            EXPECT_EQ(logInode(".1"), seen) << "rotation " << rotations + 1 << " did not move .0 to .1";
         }
-        EXPECT_EQ(inodeOf(".2"), 0u);
-        seen = inodeOf(".0");
+        EXPECT_EQ(logInode(".2"), 0u);
+        seen = logInode(".0");
         if (rotations++ > 0) {
             Stamps newest;
             // A call's last trace lines may follow its reply; a slow (sanitized) daemon
