@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <sys/socket.h>
@@ -194,13 +193,6 @@ TEST_F(Fleet, StartKeepsThePasswordOutOfTheProcessListAndTheDaemon)
     EXPECT_EQ(ctl({"--version"}).out, "orvexctl " + daemonVersion.substr(daemonVersion.find(' ') + 1));
 }
 
-// The lock file's name is not locked for the fleet's MACs; the daemon's one lock holder.
-bool locked(const std::string& path)
-{
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    return fd && flock(fd.get(), LOCK_SH | LOCK_NB) != 0;
-}
-
 // What callers sent to a raw listener so far.
 std::string sentTo(int listener)
 {
@@ -229,7 +221,7 @@ TEST_F(Fleet, AStrangersDecoyIsNeitherListedAsRunningNorSignalled)
     const std::string nobody = std::to_string(kNobody);
     Child holder(Spawn{{"/usr/bin/setpriv", "--reuid=" + nobody, "--regid=" + nobody, "--clear-groups", decoy, "-o",
         lock, "sleep", "600"}, {}, "", ""});
-    ASSERT_TRUE(waitFor([&] { return locked(lock); })) << "the decoy did not lock " << lock;
+    ASSERT_TRUE(waitFor([&] { return isLocked(lock); })) << "the decoy did not lock " << lock;
     Daemon genuine("02:00:00:00:06:02", {}, Paths::kDaemonPath);
     ASSERT_TRUE(genuine.ready()) << genuine.log();
 

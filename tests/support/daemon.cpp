@@ -118,12 +118,15 @@ bool answers(const std::string& mac)
     return sessionCall(mac, "ready-probe", "{}", -1, 5).rc == 0;
 }
 
+bool isLocked(const std::string& path)
+{
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd && flock(fd.get(), LOCK_SH | LOCK_NB) != 0;
+}
+
 pid_t lockHolder(const std::string& mac)
 {
-    UniqueFd fd(open(lockPath(mac).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd || flock(fd.get(), LOCK_SH | LOCK_NB) == 0)
-        return 0;
-    return static_cast<pid_t>(std::atol(readFile(lockPath(mac)).c_str()));
+    return isLocked(lockPath(mac)) ? static_cast<pid_t>(std::atol(readFile(lockPath(mac)).c_str())) : 0;
 }
 
 bool signalSession(const std::string& mac, int signo)

@@ -71,6 +71,8 @@ private:
 
 // True once something answers on the device's bus address.
 bool answers(const std::string& mac);
+// True while some process holds a lock on the file at path.
+bool isLocked(const std::string& path);
 // Pid in the device's lock file while a process holds the lock, else 0.
 pid_t lockHolder(const std::string& mac);
 // Sends signo to the process holding the MAC's lock; false (and nothing sent) when none
