@@ -111,6 +111,12 @@ std::string textAt(json_t* object, const char* key)
 
 namespace {
 
+// A wait status as Child::wait reports it: the exit status, or 128 + the signal.
+int exitStatus(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 void redirect(int target, const std::string& path, int flags)
 {
     int fd = open(path.empty() ? "/dev/null" : path.c_str(), flags, 0644);
@@ -174,29 +180,25 @@ bool Child::running()
     return wait(0ms) == -1;
 }
 
-int Child::waitEnd()
+bool Child::reap(int flags)
 {
     int status = 0;
-    if (!reaped_ && waitpid(pid_, &status, 0) == pid_) {
+    if (!reaped_ && waitpid(pid_, &status, flags) == pid_) {
         reaped_ = true;
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        status_ = exitStatus(status);
     }
+    return reaped_;
+}
+
+int Child::waitEnd()
+{
+    reap(0);
     return status_;
 }
 
 int Child::wait(std::chrono::milliseconds timeout)
 {
-    auto done = [this] {
-        if (reaped_)
-            return true;
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) != pid_)
-            return false;
-        reaped_ = true;
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return true;
-    };
-    return waitFor(done, timeout) ? status_ : -1;
+    return waitFor([this] { return reap(WNOHANG); }, timeout) ? status_ : -1;
 }
 
 void Child::signal(int signo)
@@ -240,7 +242,7 @@ int inChild(const std::function<void()>& body, bool quiet)
     }
     int status = 0;
     waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return exitStatus(status);
 }
 
 Stranger::Stranger(const std::function<std::string()>& setup)

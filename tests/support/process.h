@@ -86,6 +86,9 @@ public:
     void closeStdin();
 
 private:
+    // waitpid with these flags unless already reaped; true once reaped.
+    bool reap(int flags);
+
     pid_t pid_ = -1;
     int status_ = -1;
     bool reaped_ = false;
