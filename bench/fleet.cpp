@@ -16,6 +16,7 @@
 #include <numeric>
 #include <thread>
 
+#include "common/paths.h"
 #include "tests/support/daemon.h"
 
 namespace Orvex::Bench {
@@ -120,8 +121,9 @@ double bareProcesses(const Settings& s, const std::vector<int>& ports, std::vect
 void measureFleet(const Settings& s, Report& report)
 {
     const std::string ctl = Test::ctlBinary();
-    if (access("/usr/local/sbin/orvex-session", X_OK) != 0)
-        throw std::runtime_error("no /usr/local/sbin/orvex-session in the namespace (bench/run.sh copies it there)");
+    if (access(Paths::kDaemonPath, X_OK) != 0)
+        throw std::runtime_error(std::string("no ") + Paths::kDaemonPath +
+                                 " in the namespace (bench/run.sh copies it there)");
     const int n = s.devices;
     std::unique_ptr<Child> devsim;
     const std::vector<int> ports = startFleet(n, devsim);
