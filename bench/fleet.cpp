@@ -36,14 +36,6 @@ std::string fleetMac(int i)
     return format("02:00:00:01:%02x:%02x", (i >> 8) & 0xff, i & 0xff);
 }
 
-// One simulator playing n devices of both families over TLS; their ports in order.
-std::vector<int> startFleet(int n, std::unique_ptr<Child>& devsim)
-{
-    return Test::startDevsim(
-        {ORVEX_DEVSIM, "--family", "mixed", "--devices", std::to_string(n), "--tls", "--port", "0", "--stdin-watch"},
-        static_cast<size_t>(n), devsim);
-}
-
 // Runs job(i) for every i < n on `parallel` threads; returns the wall time in seconds and
 // adds the jobs that returned false to failed.
 double inParallel(int n, int parallel, const std::function<bool(int)>& job, long& failed)
@@ -126,7 +118,7 @@ void measureFleet(const Settings& s, Report& report)
                                  " in the namespace (bench/run.sh copies it there)");
     const int n = s.devices;
     std::unique_ptr<Child> devsim;
-    const std::vector<int> ports = startFleet(n, devsim);
+    const std::vector<int> ports = Test::startFleet(static_cast<size_t>(n), devsim, true);
     std::vector<std::unique_ptr<BareDevice>> bare;
     for (int port : ports)
         bare.push_back(std::make_unique<BareDevice>(port, true, clientContext(true)));
@@ -269,7 +261,7 @@ void measureFleetCommands(const Settings& s, Report& report)
     const std::string ctl = Test::ctlBinary();
     const int n = s.devices;
     std::unique_ptr<Child> devsim;
-    const std::vector<int> ports = startFleet(n, devsim);
+    const std::vector<int> ports = Test::startFleet(static_cast<size_t>(n), devsim, true);
     Test::TempDir dir;
     std::string devices;
     for (int i = 0; i < n; ++i)

@@ -151,8 +151,7 @@ TEST_F(FrontEnd, LogsShowOneDevicesLinesFollowThemAndUseTheJournalForAUnit)
 TEST_F(FrontEnd, StartsAFleetFromAFileAndCallsManySessionsAtOnce)
 {
     std::unique_ptr<Child> sim;
-    const std::vector<int> ports =
-        startDevsim({ORVEX_DEVSIM, "--family", "mixed", "--devices", "3", "--port", "0", "--stdin-watch"}, 3, sim);
+    const std::vector<int> ports = startFleet(3, sim);
     const std::string a = "02:00:00:00:13:01", b = "02:00:00:00:13:02", c = "02:00:00:00:13:03";
     TempDir dir;
     const std::string devices = writeFile(dir.file("devices"),

@@ -47,6 +47,15 @@ std::vector<int> startDevsim(std::vector<std::string> argv, size_t devices, std:
     return ports;
 }
 
+std::vector<int> startFleet(size_t devices, std::unique_ptr<Child>& child, bool tls)
+{
+    std::vector<std::string> argv = {ORVEX_DEVSIM, "--family", "mixed", "--devices", std::to_string(devices),
+                                     "--port", "0", "--stdin-watch"};
+    if (tls)
+        argv.push_back("--tls");
+    return startDevsim(argv, devices, child);
+}
+
 Devsim::Devsim(const std::string& family, bool tls, const std::vector<std::string>& extra) : tls_(tls)
 {
     std::vector<std::string> argv = {ORVEX_DEVSIM, "--family", family, "--host", "127.0.0.1", "--port", "0",
