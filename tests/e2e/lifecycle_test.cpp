@@ -267,11 +267,10 @@ TEST_F(DaemonFiles, AStrangersLockOnTheLogFolderNeitherStallsNorStopsRotation)
 
 TEST_F(DaemonFiles, NotifiesReadyOnlyWhenServingThenSessionStatusAndStopping)
 {
-    TempDir dir;
-    NotifySocket manager(dir.file("notify"));
+    NotifySocket manager;
     ASSERT_TRUE(manager.bound());
     Devsim device("legacy", false);
-    Daemon daemon(kMac, {}, daemonBinary(), {}, {"NOTIFY_SOCKET=" + manager.path()});
+    Daemon daemon(kMac, {}, daemonBinary(), {}, {manager.env()});
     ASSERT_EQ(manager.next(), "READY=1");
     EXPECT_TRUE(answers(kMac)) << "READY=1 before the bus answers";
     ASSERT_EQ(daemon.call("signin", device.signinArgs()).rc, 0);
@@ -287,10 +286,9 @@ TEST_F(DaemonFiles, NotifiesReadyOnlyWhenServingThenSessionStatusAndStopping)
 // for whoever started it, nor keep the socket's name around.
 TEST_F(DaemonFiles, DetachedDaemonDropsTheNotifySocketItInherited)
 {
-    TempDir dir;
-    NotifySocket manager(dir.file("notify"));
+    NotifySocket manager;
     ASSERT_TRUE(manager.bound());
-    ASSERT_EQ(run({daemonBinary(), "-m", kMac}, {"NOTIFY_SOCKET=" + dir.file("notify")}).status, 0);
+    ASSERT_EQ(run({daemonBinary(), "-m", kMac}, {manager.env()}).status, 0);
     ASSERT_TRUE(waitFor([] { return answers(kMac); }));
     EXPECT_EQ(manager.next(1000), "") << "the detached daemon notified";
     const pid_t pid = lockHolder(kMac);

@@ -59,12 +59,12 @@ BusReply sessionCall(const std::string& mac, const std::string& method, const st
     return busCall(busAddress(mac), method, body, fd, timeoutSeconds);
 }
 
-NotifySocket::NotifySocket(const std::string& path) : path_(path)
+NotifySocket::NotifySocket() : path_(dir_.file("notify"))
 {
     fd_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path_.c_str());
     bound_ = bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
 

@@ -113,18 +113,20 @@ protected:
         const std::vector<std::string>& extra = {"--pass-env", "DEVICE_PASS"}, const std::string& input = "");
 };
 
-// A stand-in for a service manager's notification socket (NOTIFY_SOCKET=path()).
+// A stand-in for a service manager's notification socket, in a folder of its own.
 class NotifySocket {
 public:
-    explicit NotifySocket(const std::string& path);
+    NotifySocket();
     bool bound() const { return bound_; }
-    const std::string& path() const { return path_; }
+    // "NOTIFY_SOCKET=<its path>", for the environment of the process that notifies.
+    std::string env() const { return "NOTIFY_SOCKET=" + path_; }
     // The next datagram, "" after the time-out.
     std::string next(int timeoutMs = 10000);
     // The next datagram that starts with prefix, skipping others; "" after the time-out.
     std::string nextStartingWith(const std::string& prefix, int timeoutMs = 10000);
 
 private:
+    TempDir dir_;
     std::string path_;
     UniqueFd fd_;
     bool bound_ = false;

@@ -26,12 +26,11 @@ struct UnitDaemonOptions {
 
 class UnitDaemon {
 public:
-    UnitDaemon(const std::string& mac, const UnitDaemonOptions& options)
-        : mac_(mac), manager_(dir_.file("notify"))
+    UnitDaemon(const std::string& mac, const UnitDaemonOptions& options) : mac_(mac)
     {
         if (options.port != 0)
             writeDeviceConfig(DeviceConfig{mac, "127.0.0.1", options.port, "admin", options.secure, options.idle});
-        std::vector<std::string> env = {"NOTIFY_SOCKET=" + manager_.path()};
+        std::vector<std::string> env = {manager_.env()};
         if (options.credential) {
             std::string folder = dir_.file("credentials");
             mkdir(folder.c_str(), 0700);
