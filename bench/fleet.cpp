@@ -16,6 +16,7 @@
 #include <numeric>
 #include <thread>
 
+#include "common/paths.h"
 #include "tests/support/daemon.h"
 
 namespace Orvex::Bench {
@@ -112,13 +113,12 @@ double bareProcesses(const Settings& s, const std::vector<int>& ports, std::vect
 void measureFleet(const Settings& s, Report& report)
 {
     const std::string ctl = Test::ctlBinary();
-    if (access("/usr/local/sbin/orvex-session", X_OK) != 0)
-        throw std::runtime_error("no /usr/local/sbin/orvex-session in the namespace (bench/run.sh copies it there)");
+    if (access(Paths::kDaemonPath, X_OK) != 0)
+        throw std::runtime_error(std::string("no ") + Paths::kDaemonPath +
+                                 " in the namespace (bench/run.sh copies it there)");
     const int n = s.devices;
     std::unique_ptr<Child> devsim;
-    const std::vector<int> ports = Test::startDevsim(
-        {ORVEX_DEVSIM, "--family", "mixed", "--devices", std::to_string(n), "--tls", "--port", "0", "--stdin-watch"},
-        static_cast<size_t>(n), devsim);
+    const std::vector<int> ports = Test::startFleet(static_cast<size_t>(n), devsim, true);
     std::vector<std::unique_ptr<BareDevice>> bare;
     for (int port : ports)
         bare.push_back(std::make_unique<BareDevice>(port, true, clientContext(true)));
@@ -261,9 +261,7 @@ void measureFleetCommands(const Settings& s, Report& report)
     const std::string ctl = Test::ctlBinary();
     const int n = s.devices;
     std::unique_ptr<Child> devsim;
-    const std::vector<int> ports = Test::startDevsim(
-        {ORVEX_DEVSIM, "--family", "mixed", "--devices", std::to_string(n), "--tls", "--port", "0", "--stdin-watch"},
-        static_cast<size_t>(n), devsim);
+    const std::vector<int> ports = Test::startFleet(static_cast<size_t>(n), devsim, true);
     Test::TempDir dir;
     std::string devices;
     for (int i = 0; i < n; ++i)

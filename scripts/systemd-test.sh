@@ -37,6 +37,8 @@ token_port=18443
 mac_legacy=02:00:00:00:25:01
 mac_token=02:00:00:00:25:02
 mac_bare=02:00:00:00:25:03
+legacy_device="legacy device 127.0.0.1:$legacy_port"
+token_device="token device 127.0.0.1:$token_port (https)"
 unit_of() { echo "orvex-session@$1.service"; }
 
 # --- the cached root ---
@@ -148,6 +150,17 @@ signed_in_with_new_pid() {
   pid=$(main_pid "$1")
   [ "$pid" != 0 ] && [ "$pid" != "$2" ] && signed_in_to "$1" "$3"
 }
+# back_signed_in SECONDS MAC PID: the legacy instance signed in again within the time,
+# under a main pid other than PID.
+back_signed_in() {
+  local mac=$2 pid=$3
+  wait_until "$1" signed_in_with_new_pid "$mac" "$pid" "$legacy_device" ||
+    { echo "  pid $(main_pid "$mac") (was $pid), STATUS '$(status_text "$mac")'"; return 1; }
+}
+# start_signed_in MAC DEVICE: systemctl start, then signed in to DEVICE within 10 s.
+start_signed_in() {
+  in_ct systemctl start "$(unit_of "$1")" && wait_until 10 signed_in_to "$1" "$2"
+}
 listening() { in_ct ss -Htln "sport = :$1" | grep -q LISTEN; }
 
 # --- the checks ---
@@ -188,12 +201,12 @@ enable_signs_in() {
 }
 
 enable_legacy() {
-  enable_signs_in "$mac_legacy" "legacy device 127.0.0.1:$legacy_port" sh -c \
+  enable_signs_in "$mac_legacy" "$legacy_device" sh -c \
     "printf secret | orvexctl enable $mac_legacy --ip 127.0.0.1 --port $legacy_port --user admin --pass-stdin"
 }
 
 enable_token() {
-  enable_signs_in "$mac_token" "token device 127.0.0.1:$token_port (https)" env DEVICE_PASS=secret \
+  enable_signs_in "$mac_token" "$token_device" env DEVICE_PASS=secret \
     orvexctl enable "$mac_token" --ip 127.0.0.1 --port "$token_port" --user admin --secure --pass-env DEVICE_PASS
 }
 
@@ -233,8 +246,7 @@ comes_back_after_sigkill() {
   # (kill 0 would be our own process group.)
   [ "$pid" -gt 1 ] || { echo "  no main process"; return 1; }
   in_ct kill -KILL "$pid" || return 1
-  wait_until 15 signed_in_with_new_pid "$mac" "$pid" "legacy device 127.0.0.1:$legacy_port" ||
-    { echo "  pid $(main_pid "$mac") (was $pid), STATUS '$(status_text "$mac")'"; return 1; }
+  back_signed_in 15 "$mac" "$pid" || return 1
   ctl_says_signed_in "$mac" || return 1
   echo "  pid $pid -> $(main_pid "$mac") after $((SECONDS - begin)) s"
 }
@@ -246,8 +258,7 @@ comes_back_after_device_restart() {
   wait_until 10 eval '! listening $legacy_port' || return 1
   sleep 2
   start_device devsim-legacy "$legacy_port" --family legacy || { echo "  the device did not come back"; return 1; }
-  wait_until 90 signed_in_with_new_pid "$mac" "$pid" "legacy device 127.0.0.1:$legacy_port" ||
-    { echo "  pid $(main_pid "$mac") (was $pid), STATUS '$(status_text "$mac")'"; return 1; }
+  back_signed_in 90 "$mac" "$pid" || return 1
   ctl_says_signed_in "$mac" || return 1
   in_ct orvexctl call "$mac" get_device_system_info >/dev/null || return 1
   echo "  pid $pid -> $(main_pid "$mac") $((SECONDS - begin)) s after the device was killed"
@@ -259,8 +270,7 @@ upgrade_brings_it_back() {
   local mac=$mac_legacy pid
   pid=$(main_pid "$mac")
   in_ct dpkg -i /debs/orvex-session.deb >"$work/upgrade.out" 2>&1 || { sed 's/^/  /' "$work/upgrade.out"; return 1; }
-  wait_until 15 signed_in_with_new_pid "$mac" "$pid" "legacy device 127.0.0.1:$legacy_port" ||
-    { echo "  pid $(main_pid "$mac") (was $pid), STATUS '$(status_text "$mac")'"; return 1; }
+  back_signed_in 15 "$mac" "$pid" || return 1
 }
 
 # systemctl stop with systemd's debug log on: the notifications are in the journal, and
@@ -285,8 +295,7 @@ inactive_not_restarted() {
 
 signout_stays_down() {
   local mac=$mac_token
-  in_ct systemctl start "$(unit_of "$mac")" &&
-    wait_until 10 signed_in_to "$mac" "token device 127.0.0.1:$token_port (https)" || return 1
+  start_signed_in "$mac" "$token_device" || return 1
   in_ct orvexctl stop "$mac" >/dev/null || return 1
   inactive_not_restarted "$mac" || return 1
   # The end record: a normal stop, so status exits 0.
@@ -327,8 +336,7 @@ bare_instance_fails_once() {
 no_session_process() { ! in_ct pgrep -x orvex-session >/dev/null; }
 
 prerm_stops_instances() {
-  in_ct systemctl start "$(unit_of "$mac_token")" &&
-    wait_until 10 signed_in_to "$mac_token" "token device 127.0.0.1:$token_port (https)" || return 1
+  start_signed_in "$mac_token" "$token_device" || return 1
   in_ct dpkg -r orvex-session >"$work/remove.out" 2>&1 || { sed 's/^/  /' "$work/remove.out"; return 1; }
   sleep 5
   no_session_process || { echo "  a session process runs after the removal"; return 1; }

@@ -25,7 +25,7 @@ const Step kDisable3{"set_device_rsyslog_client_disable", R"({"id":3})", "PUT /o
 const Step kConfig{"get_device_rsyslog_config", "{}", "GET /orvex/v1/rsyslog/config"};
 const Step kClients{"get_device_rsyslog_client", "{}", "GET /orvex/v1/rsyslog/client"};
 
-class CallOrder : public ::testing::Test {
+class CallOrder : public IsolatedTest {
 protected:
     // A token device over HTTP whose remote-syslog answers wait holdMs.
     void signIn(int holdMs, const std::string& prefix = kRsyslog)
@@ -84,7 +84,6 @@ protected:
 
 TEST_F(CallOrder, ACallThatFindsTheSessionIdleRunsAtOnceAndLeavesTheTurnToTheReadsQueuedBehindIt)
 {
-    ORVEX_REQUIRE_ISOLATION();
     signIn(800);
     letTheWorkerWait();
     sendApart({kDelete1, kEnable2, kDisable3, kConfig, kClients});
@@ -93,7 +92,6 @@ TEST_F(CallOrder, ACallThatFindsTheSessionIdleRunsAtOnceAndLeavesTheTurnToTheRea
 
 TEST_F(CallOrder, ReadsThatArriveFirstAlternateWithTheChangesQueuedAfterThem)
 {
-    ORVEX_REQUIRE_ISOLATION();
     signIn(800);
     letTheWorkerWait();
     const Step config2{"get_device_rsyslog_config", R"({"again":true})", "GET /orvex/v1/rsyslog/config"};
@@ -103,7 +101,6 @@ TEST_F(CallOrder, ReadsThatArriveFirstAlternateWithTheChangesQueuedAfterThem)
 
 TEST_F(CallOrder, AQueuedChangeWhoseCallerHungUpStillReachesTheDeviceAndNothingIsWrittenBack)
 {
-    ORVEX_REQUIRE_ISOLATION();
     signIn(1000, kRsyslog + "config");
     auto reading = std::async(std::launch::async, [this] { return session_->daemon.call(kConfig.method); });
     ASSERT_TRUE(waitFor([this] { return !session_->device.requestsTo("GET", kRsyslog + "config").empty(); }));

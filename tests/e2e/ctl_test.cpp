@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <map>
 
 #include "common/paths.h"
@@ -20,27 +19,13 @@ namespace {
 using FrontEnd = FrontEndTest;
 using Clock = std::chrono::steady_clock;
 
-std::string text(json_t* object, const char* key)
-{
-    const char* value = json_string_value(json_object_get(object, key));
-    return value ? value : "";
-}
-
-std::string writeFile(const TempDir& dir, const std::string& name, const std::string& content, mode_t mode)
-{
-    std::string path = dir.file(name);
-    std::ofstream(path) << content;
-    chmod(path.c_str(), mode);
-    return path;
-}
-
 // The JSON lines of a fleet command, by MAC; the summary under "".
 std::map<std::string, JsonRef> linesByMac(const std::string& out)
 {
     std::map<std::string, JsonRef> byMac;
     for (const std::string& line : lines(out)) {
         JsonRef json = parseJson(line);
-        byMac[text(json.get(), "mac")] = std::move(json);
+        byMac[textAt(json.get(), "mac")] = std::move(json);
     }
     return byMac;
 }
@@ -93,7 +78,7 @@ TEST_F(FrontEnd, TimeOutsBoundStartAndCallAndJsonIsTakenAnywhere)
     ASSERT_EQ(start(mac, device.port(), "secret", false).status, 0);
     RunResult info = ctl({"call", mac, "get_device_system_info", "--json"});
     EXPECT_EQ(info.status, 0) << info.err;
-    EXPECT_EQ(text(parseJson(info.out).get(), "model"), "ZEM-880");
+    EXPECT_EQ(textAt(parseJson(info.out).get(), "model"), "ZEM-880");
     ASSERT_TRUE(signalSession(mac, SIGSTOP));
     begin = Clock::now();
     RunResult hung = ctl({"call", "--timeout", "1", mac, "get_device_system_info"});
@@ -105,7 +90,7 @@ TEST_F(FrontEnd, TimeOutsBoundStartAndCallAndJsonIsTakenAnywhere)
     EXPECT_EQ(stopped.status, 0) << stopped.err;
     JsonRef report = parseJson(stopped.out);
     ASSERT_EQ(json_array_size(json_object_get(report.get(), "ended")), 1u) << stopped.out;
-    EXPECT_EQ(text(json_array_get(json_object_get(report.get(), "ended"), 0), "mac"), mac);
+    EXPECT_EQ(textAt(json_array_get(json_object_get(report.get(), "ended"), 0), "mac"), mac);
     EXPECT_EQ(json_array_size(json_object_get(report.get(), "survivors")), 0u);
 }
 
@@ -154,9 +139,9 @@ TEST_F(FrontEnd, LogsShowOneDevicesLinesFollowThemAndUseTheJournalForAUnit)
     EXPECT_FALSE(contains(followed, other)) << followed;
 
     // A service manager's instance: the journal has its lines.
-    writeFile(dir, "journalctl", "#!/bin/sh\necho \"journalctl $*\"\n", 0755);
+    writeFile(dir.file("journalctl"), "#!/bin/sh\necho \"journalctl $*\"\n", 0755);
     const std::string unit = "02:00:00:00:12:03";
-    Child instance(Spawn{{daemonBinary(), "-d", "-m", unit}, {"INVOCATION_ID=0123456789abcdef"}, "", "", false});
+    Daemon instance(unit, {}, daemonBinary(), {}, kServiceManagerEnv);
     ASSERT_TRUE(waitFor([&] { return answers(unit); }));
     RunResult journal = ctl({"logs", unit, "-n", "5", "-f"}, {"PATH=" + dir.path() + ":/usr/bin:/bin"});
     EXPECT_EQ(journal.status, 0) << journal.err;
@@ -166,30 +151,29 @@ TEST_F(FrontEnd, LogsShowOneDevicesLinesFollowThemAndUseTheJournalForAUnit)
 TEST_F(FrontEnd, StartsAFleetFromAFileAndCallsManySessionsAtOnce)
 {
     std::unique_ptr<Child> sim;
-    const std::vector<int> ports =
-        startDevsim({ORVEX_DEVSIM, "--family", "mixed", "--devices", "3", "--port", "0", "--stdin-watch"}, 3, sim);
+    const std::vector<int> ports = startFleet(3, sim);
     const std::string a = "02:00:00:00:13:01", b = "02:00:00:00:13:02", c = "02:00:00:00:13:03";
     TempDir dir;
-    const std::string devices = writeFile(dir, "devices",
+    const std::string devices = writeFile(dir.file("devices"),
         "# MAC IP PORT USER SECURE\n" + a + " 127.0.0.1 " + std::to_string(ports[0]) + " admin\n" + b + ", 127.0.0.1, " +
             std::to_string(ports[1]) + ", admin, plain\n\n" + c + " 127.0.0.1 " + std::to_string(ports[2]) +
             " admin no  # the third\n",
         0644);
-    const std::string open = writeFile(dir, "open", a + " secret\n", 0644);
+    const std::string open = writeFile(dir.file("open"), a + " secret\n", 0644);
     RunResult refused = ctl({"start", "--from", devices, "--pass-file", open});
     EXPECT_EQ(refused.status, 2);
     EXPECT_EQ(refused.err, "orvexctl: " + open + ": may be read or written by others (mode 0644): refused; chmod 600 it\n");
     EXPECT_EQ(lockHolder(a), 0);
 
-    const std::string passwords = writeFile(dir, "passwords", a + " secret\n" + b + " wrong\n" + c + " secret\n", 0600);
+    const std::string passwords = writeFile(dir.file("passwords"), a + " secret\n" + b + " wrong\n" + c + " secret\n", 0600);
     RunResult started = ctl({"start", "--from", devices, "--pass-file", passwords, "--parallel", "2"});
     EXPECT_EQ(started.status, 1) << started.err;
     std::map<std::string, JsonRef> results = linesByMac(started.out);
     ASSERT_EQ(results.size(), 4u) << started.out;
     EXPECT_EQ(number(results[a], "exit"), 0);
-    EXPECT_EQ(text(json_object_get(results[a].get(), "reply"), "model"), "NVX-4200");
+    EXPECT_EQ(textAt(json_object_get(results[a].get(), "reply"), "model"), "NVX-4200");
     EXPECT_EQ(number(results[b], "exit"), 5);
-    EXPECT_EQ(text(results[b].get(), "error"), "sign-in to 127.0.0.1:" + std::to_string(ports[1]) + " for " + b +
+    EXPECT_EQ(textAt(results[b].get(), "error"), "sign-in to 127.0.0.1:" + std::to_string(ports[1]) + " for " + b +
                                                    " failed: credentials");
     EXPECT_EQ(number(results[c], "exit"), 0);
     EXPECT_EQ(lines(started.out).back(), "{\"devices\":3,\"succeeded\":2,\"failed\":1}");
@@ -209,7 +193,7 @@ TEST_F(FrontEnd, StartsAFleetFromAFileAndCallsManySessionsAtOnce)
     replies = linesByMac(named.out);
     EXPECT_TRUE(contains(dump(json_object_get(replies[c].get(), "reply")), "192.0.2.9")) << named.out;
     EXPECT_EQ(number(replies[b], "exit"), 3);
-    EXPECT_EQ(text(replies[b].get(), "error"), "no session process answers for MAC " + b);
+    EXPECT_EQ(textAt(replies[b].get(), "error"), "no session process answers for MAC " + b);
     sim->closeStdin();
 }
 
@@ -220,7 +204,7 @@ TEST_F(FrontEnd, DeviceTextIsShownEscapedAndBoundedAndStoredBounded)
     const std::string mac = "02:00:00:00:14:01";
     ASSERT_EQ(start(mac, device.port(), "secret", false).status, 0);
     RunResult info = ctl({"call", mac, "get_device_system_info"});
-    EXPECT_GT(text(parseJson(info.out).get(), "hostname").size(), 100000u) << "callers still get what the device said";
+    EXPECT_GT(textAt(parseJson(info.out).get(), "hostname").size(), 100000u) << "callers still get what the device said";
 
     RunResult list = ctl({"list"});
     ASSERT_EQ(lines(list.out).size(), 1u) << list.out;
@@ -235,8 +219,8 @@ TEST_F(FrontEnd, DeviceTextIsShownEscapedAndBoundedAndStoredBounded)
     ASSERT_EQ(stat(Paths::statusPath(mac).c_str(), &st), 0);
     EXPECT_LT(st.st_size, 4096) << "the status file grew with the device's answer";
     JsonRef status = parseJson(ctl({"status", mac, "--json"}).out);
-    EXPECT_EQ(text(status.get(), "hostname").size(), 256u);
-    EXPECT_EQ(text(status.get(), "hostname").rfind(forged, 0), 0u);
+    EXPECT_EQ(textAt(status.get(), "hostname").size(), 256u);
+    EXPECT_EQ(textAt(status.get(), "hostname").rfind(forged, 0), 0u);
 }
 
 }  // namespace

@@ -3,11 +3,9 @@
 // systemd-creds' standard input or in its own file), the systemctl steps, the fallback to
 // a plain credential, disable leaving nothing, the root check, and a session of orvexctl
 // start in the way.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "client/device_config.h"
 #include "common/paths.h"
@@ -18,7 +16,7 @@ namespace {
 
 const std::string kMac = "02:00:00:00:25:40";
 
-class Enable : public ::testing::Test {
+class Enable : public IsolatedTest {
 protected:
     void SetUp() override
     {
@@ -30,14 +28,17 @@ protected:
     }
     void TearDown() override
     {
+        // Also runs for a skipped test: outside the namespace these are the machine's own.
+        if (!isolated())
+            return;
         removeDeviceFiles(kMac);
         std::filesystem::remove_all(Paths::dropInDirectory(kMac));
         std::filesystem::remove_all("/run/systemd");
+        IsolatedTest::TearDown();
     }
     void tool(const std::string& name, const std::string& body)
     {
-        std::ofstream(bin_.file(name)) << "#!/bin/sh\n" << body;
-        chmod(bin_.file(name).c_str(), 0755);
+        writeFile(bin_.file(name), "#!/bin/sh\n" + body, 0755);
     }
     RunResult orvexctl(const std::vector<std::string>& words, const std::vector<std::string>& env = {})
     {
@@ -122,13 +123,10 @@ TEST_F(Enable, RefusedWithoutSystemdAndAFailingSystemctlIsNamed)
 // is read or run.
 TEST_F(Enable, AnotherUserIsToldItNeedsRoot)
 {
-    constexpr int kNobody = 65534;
-    std::vector<std::string> argv = {ctlBinary()};
-    argv.insert(argv.end(), enable_.begin(), enable_.end());
-    for (const auto& words : {argv, std::vector<std::string>{ctlBinary(), "disable", kMac}}) {
-        RunResult refused = runAs(kNobody, words);
+    for (const auto& words : {enable_, std::vector<std::string>{"disable", kMac}}) {
+        RunResult refused = ctlAs(kNobody, words);
         EXPECT_EQ(refused.status, 8);
-        EXPECT_EQ(refused.err, "orvexctl: " + words[1] + " needs root: it changes the files of the unit's instance in /etc\n");
+        EXPECT_EQ(refused.err, "orvexctl: " + words[0] + " needs root: it changes the files of the unit's instance in /etc\n");
     }
     EXPECT_FALSE(std::filesystem::exists(bin_.file("systemctl.log")));
 }
@@ -153,12 +151,11 @@ TEST_F(Enable, ASessionThatOrvexctlStartRunsIsRefusedUnlessReplaced)
     EXPECT_EQ(started.process().wait(10s), 0) << "the started session was not stopped";
     EXPECT_TRUE(std::filesystem::exists(Paths::configPath(kMac)));
 
-    Child instance(Spawn{{daemonBinary(), "-d", "-m", kMac}, {"INVOCATION_ID=0123456789abcdef"}, "", "", false});
+    Daemon instance(kMac, {}, daemonBinary(), {}, kServiceManagerEnv);
     ASSERT_TRUE(waitFor([] { return answers(kMac); }));
     r = orvexctl(enable_);
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(instance.running()) << "enable stopped the unit's own instance";
-    killSessions();
+    EXPECT_TRUE(instance.process().running()) << "enable stopped the unit's own instance";
 }
 
 }  // namespace

@@ -16,12 +16,6 @@ namespace {
 
 using SessionEnds = FrontEndTest;
 
-std::string text(json_t* object, const char* key)
-{
-    const char* value = json_string_value(json_object_get(object, key));
-    return value ? value : "";
-}
-
 // The entries of `list --all --json`, by MAC.
 std::map<std::string, JsonRef> listedByMac(const std::vector<std::string>& extra = {"--all"})
 {
@@ -31,7 +25,7 @@ std::map<std::string, JsonRef> listedByMac(const std::vector<std::string>& extra
     std::map<std::string, JsonRef> byMac;
     for (size_t i = 0; i < json_array_size(list.get()); ++i) {
         json_t* entry = json_array_get(list.get(), i);
-        byMac[text(entry, "mac")] = JsonRef::borrow(entry);
+        byMac[textAt(entry, "mac")] = JsonRef::borrow(entry);
     }
     return byMac;
 }
@@ -78,11 +72,11 @@ TEST_F(SessionEnds, EveryWayOfEndingIsRecordedListedAndTimed)
     };
     std::map<std::string, JsonRef> all = listedByMac();
     ASSERT_EQ(all.size(), 7u);
-    EXPECT_EQ(text(all[running].get(), "state"), "running");
+    EXPECT_EQ(textAt(all[running].get(), "state"), "running");
     for (const auto& [mac, e] : expected) {
         json_t* entry = all[mac].get();
-        EXPECT_EQ(text(entry, "state"), e.state) << mac;
-        EXPECT_EQ(text(entry, "reason"), e.reason) << mac;
+        EXPECT_EQ(textAt(entry, "state"), e.state) << mac;
+        EXPECT_EQ(textAt(entry, "reason"), e.reason) << mac;
         EXPECT_EQ(json_is_true(json_object_get(entry, "abnormal")), e.abnormal) << mac;
         EXPECT_FALSE(json_is_true(json_object_get(entry, "signed_in"))) << mac << ": ended still signed in";
         // The process itself says so when it can (a kill leaves it no word).
@@ -152,11 +146,10 @@ TEST_F(SessionEnds, ForgetClearsWhatEndedButNeitherRunningSessionsNorLockFiles)
 // Another user sees the sessions as they are, and is told which commands need root.
 TEST_F(SessionEnds, AnotherUserSeesRunningSessionsAndIsToldWhatNeedsRoot)
 {
-    constexpr int kNobody = 65534;
     Devsim device("token", false);
     const std::string mac = "02:00:00:00:08:01";
     ASSERT_EQ(start(mac, device.port(), "secret", false).status, 0);
-    RunResult list = runAs(kNobody, {ctlBinary(), "list"});
+    RunResult list = ctlAs(kNobody, {"list"});
     EXPECT_EQ(list.status, 0) << list.err;
     EXPECT_EQ(list.out.rfind(mac + " pid " + std::to_string(lockHolder(mac)) + " running up ", 0), 0u) << list.out;
     const std::vector<std::pair<std::vector<std::string>, std::string>> rootOnly = {
@@ -166,9 +159,7 @@ TEST_F(SessionEnds, AnotherUserSeesRunningSessionsAndIsToldWhatNeedsRoot)
         {{"forget", "--ended"}, "forget"},
     };
     for (const auto& [args, name] : rootOnly) {
-        std::vector<std::string> argv = {ctlBinary()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        RunResult refused = runAs(kNobody, argv);
+        RunResult refused = ctlAs(kNobody, args);
         EXPECT_EQ(refused.status, 8) << name;
         EXPECT_EQ(refused.err, "orvexctl: " + name + " needs root: the session processes run as root and answer root alone\n");
     }

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <sys/socket.h>
@@ -194,13 +193,6 @@ TEST_F(Fleet, StartKeepsThePasswordOutOfTheProcessListAndTheDaemon)
     EXPECT_EQ(ctl({"--version"}).out, "orvexctl " + daemonVersion.substr(daemonVersion.find(' ') + 1));
 }
 
-// The lock file's name is not locked for the fleet's MACs; the daemon's one lock holder.
-bool locked(const std::string& path)
-{
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    return fd && flock(fd.get(), LOCK_SH | LOCK_NB) != 0;
-}
-
 // What callers sent to a raw listener so far.
 std::string sentTo(int listener)
 {
@@ -226,9 +218,10 @@ TEST_F(Fleet, AStrangersDecoyIsNeitherListedAsRunningNorSignalled)
     ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
     const std::string decoy = dir.file(Paths::kServicePrefix);
     std::filesystem::copy_file("/usr/bin/flock", decoy);
-    Child holder(Spawn{{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", decoy, "-o", lock,
-        "sleep", "600"}, {}, "", ""});
-    ASSERT_TRUE(waitFor([&] { return locked(lock); })) << "the decoy did not lock " << lock;
+    const std::string nobody = std::to_string(kNobody);
+    Child holder(Spawn{{"/usr/bin/setpriv", "--reuid=" + nobody, "--regid=" + nobody, "--clear-groups", decoy, "-o",
+        lock, "sleep", "600"}, {}, "", ""});
+    ASSERT_TRUE(waitFor([&] { return isLocked(lock); })) << "the decoy did not lock " << lock;
     Daemon genuine("02:00:00:00:06:02", {}, Paths::kDaemonPath);
     ASSERT_TRUE(genuine.ready()) << genuine.log();
 
@@ -239,7 +232,7 @@ TEST_F(Fleet, AStrangersDecoyIsNeitherListedAsRunningNorSignalled)
     ASSERT_EQ(rows.size(), 1u) << listed.out;
     EXPECT_EQ(rows[0].rfind(genuineRow, 0), 0u) << rows[0];
     // A third user, to whom neither program file shows, sees the same.
-    RunResult third = runAs(1, {ctlBinary(), "list", "--all"});
+    RunResult third = ctlAs(1, {"list", "--all"});
     EXPECT_EQ(third.status, 0) << third.err;
     rows = lines(third.out);
     ASSERT_EQ(rows.size(), 1u) << third.out;

@@ -6,9 +6,10 @@
 namespace Orvex::Test {
 namespace {
 
-TEST(KeepAliveEnd, ASessionWithoutSignInEndsOnTheFirstTickAndRecordsWhy)
+using KeepAliveEnd = IsolatedTest;
+
+TEST_F(KeepAliveEnd, ASessionWithoutSignInEndsOnTheFirstTickAndRecordsWhy)
 {
-    ORVEX_REQUIRE_ISOLATION();
     const std::string mac = "02:00:00:00:09:01";
     Daemon daemon(mac);
     ASSERT_TRUE(daemon.ready());

@@ -45,11 +45,7 @@ std::string linkOf(const std::string& path)
     return std::filesystem::read_symlink(path, error).string();
 }
 
-class DaemonFiles : public ::testing::Test {
-protected:
-    void SetUp() override { ORVEX_REQUIRE_ISOLATION(); }
-    void TearDown() override { killSessions(); }
-};
+using DaemonFiles = IsolatedTest;
 
 // Whatever a stranger put or holds at the lock file's name is never followed, written or
 // waited on, and never keeps the MAC from starting: the daemon swaps in a file of its own.
@@ -205,25 +201,22 @@ TEST_F(DaemonFiles, SharedLogKeepsEveryLineAfterTheFirstRotationInTheNewestTwoFi
     // Rotation renames the current file to .0 and .0 to .1: at each rotation from the
     // second on, the newest archive and the current file hold exactly what was written
     // since the one before. Every call's lines must be there: nobody wrote into an older file.
-    auto inodeOf = [](const std::string& suffix) {
-        struct stat st{};
-        return stat((std::string(Paths::kLogPath) + suffix).c_str(), &st) == 0 ? st.st_ino : 0;
-    };
+    auto logInode = [](const std::string& suffix) { return inodeOf(std::string(Paths::kLogPath) + suffix); };
     std::map<std::string, size_t> calls;
     int rotations = 0;
-    for (ino_t seen = inodeOf(".0"); rotations < 4;) {
+    for (ino_t seen = logInode(".0"); rotations < 4;) {
         for (const std::string& mac : macs) {
             ASSERT_EQ(sessionCall(mac, "ping").rc, 0);
             ++calls[std::to_string(lockHolder(mac))];
         }
-        if (inodeOf(".0") == seen)
+        if (logInode(".0") == seen)
             continue;
         // The archive before moved on to .1; nothing older than .1 is kept.
         if (seen != 0) {
-            EXPECT_EQ(inodeOf(".1"), seen) << "rotation " << rotations + 1 << " did not move .0 to .1";
+            EXPECT_EQ(logInode(".1"), seen) << "rotation " << rotations + 1 << " did not move .0 to .1";
         }
-        EXPECT_EQ(inodeOf(".2"), 0u);
-        seen = inodeOf(".0");
+        EXPECT_EQ(logInode(".2"), 0u);
+        seen = logInode(".0");
         if (rotations++ > 0) {
             Stamps newest;
             // A call's last trace lines may follow its reply; a slow (sanitized) daemon
@@ -274,30 +267,28 @@ TEST_F(DaemonFiles, AStrangersLockOnTheLogFolderNeitherStallsNorStopsRotation)
 
 TEST_F(DaemonFiles, NotifiesReadyOnlyWhenServingThenSessionStatusAndStopping)
 {
-    TempDir dir;
-    NotifySocket manager(dir.file("notify"));
+    NotifySocket manager;
     ASSERT_TRUE(manager.bound());
     Devsim device("legacy", false);
-    Child daemon(Spawn{{daemonBinary(), "-d", "-m", kMac}, {"NOTIFY_SOCKET=" + dir.file("notify")}, "", "", false});
+    Daemon daemon(kMac, {}, daemonBinary(), {}, {manager.env()});
     ASSERT_EQ(manager.next(), "READY=1");
     EXPECT_TRUE(answers(kMac)) << "READY=1 before the bus answers";
-    ASSERT_EQ(sessionCall(kMac, "signin", device.signinArgs()).rc, 0);
+    ASSERT_EQ(daemon.call("signin", device.signinArgs()).rc, 0);
     EXPECT_EQ(manager.next().rfind("STATUS=signed in to legacy device 127.0.0.1:", 0), 0u);
-    daemon.signal(SIGTERM);
+    daemon.process().signal(SIGTERM);
     EXPECT_EQ(manager.next(), "STOPPING=1");
     // The legacy family keeps its session id after the sign-out; the status must not.
     EXPECT_EQ(manager.next(), "STATUS=signed out") << "the shutdown's sign-out";
-    EXPECT_EQ(daemon.wait(), 0);
+    EXPECT_EQ(daemon.process().wait(), 0);
 }
 
 // Only a daemon in the foreground is a unit's process: one that detached must not speak
 // for whoever started it, nor keep the socket's name around.
 TEST_F(DaemonFiles, DetachedDaemonDropsTheNotifySocketItInherited)
 {
-    TempDir dir;
-    NotifySocket manager(dir.file("notify"));
+    NotifySocket manager;
     ASSERT_TRUE(manager.bound());
-    ASSERT_EQ(run({daemonBinary(), "-m", kMac}, {"NOTIFY_SOCKET=" + dir.file("notify")}).status, 0);
+    ASSERT_EQ(run({daemonBinary(), "-m", kMac}, {manager.env()}).status, 0);
     ASSERT_TRUE(waitFor([] { return answers(kMac); }));
     EXPECT_EQ(manager.next(1000), "") << "the detached daemon notified";
     const pid_t pid = lockHolder(kMac);

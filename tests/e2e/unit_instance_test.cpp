@@ -11,11 +11,7 @@ namespace {
 
 const std::string kMac = "02:00:00:00:25:20";
 
-class UnitInstance : public ::testing::Test {
-protected:
-    void SetUp() override { ORVEX_REQUIRE_ISOLATION(); }
-    void TearDown() override { killSessions(); }
-};
+using UnitInstance = IsolatedTest;
 
 std::string signedIn(const char* family, int port, bool secure = false)
 {
@@ -101,9 +97,8 @@ TEST_F(UnitInstance, SettingsItCannotUseEndItAtOnceWithNotConfiguredAndTheReason
     }
     writeDeviceConfig(DeviceConfig{kMac, "127.0.0.1", device.port(), "admin", false, 600});
     chmod(Paths::configPath(kMac).c_str(), 0644);
-    Spawn spawn{{daemonBinary(), "-d", "-m", kMac, "--unit"}, {}, "", "", false};
-    Child daemon(spawn);
-    EXPECT_EQ(daemon.wait(), 6) << "a settings file that others can read";
+    Daemon daemon(kMac, {"--unit"});
+    EXPECT_EQ(daemon.process().wait(), 6) << "a settings file that others can read";
     EXPECT_FALSE(answers(kMac));
     removeDeviceFiles(kMac);
 }

@@ -7,9 +7,10 @@
 namespace Orvex::Test {
 namespace {
 
-TEST(UnitInstanceTick, WithoutSettingsEndsWithSixWhileARetryingOneLivesAndIdleAndPlainOnesEndWithOne)
+using UnitInstanceTick = IsolatedTest;
+
+TEST_F(UnitInstanceTick, WithoutSettingsEndsWithSixWhileARetryingOneLivesAndIdleAndPlainOnesEndWithOne)
 {
-    ORVEX_REQUIRE_ISOLATION();
     const std::string bareMac = "02:00:00:00:25:30", retryingMac = "02:00:00:00:25:31", plainMac = "02:00:00:00:25:32",
                       idleMac = "02:00:00:00:25:33";
     UnitDaemon bare(bareMac, {0, false, false});
@@ -36,7 +37,6 @@ TEST(UnitInstanceTick, WithoutSettingsEndsWithSixWhileARetryingOneLivesAndIdleAn
     const std::string fifthTry =
         "STATUS=sign-in to 127.0.0.1:" + std::to_string(port) + " failed: refused; next try in 32 s";
     EXPECT_EQ(retrying.manager().nextStartingWith(fifthTry, 40000), fifthTry);
-    killSessions();
 }
 
 }  // namespace

@@ -59,12 +59,12 @@ BusReply sessionCall(const std::string& mac, const std::string& method, const st
     return busCall(busAddress(mac), method, body, fd, timeoutSeconds);
 }
 
-NotifySocket::NotifySocket(const std::string& path) : path_(path)
+NotifySocket::NotifySocket() : path_(dir_.file("notify"))
 {
     fd_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path_.c_str());
     bound_ = bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
 }
 
@@ -98,10 +98,10 @@ const std::vector<std::string>& withoutCapabilities()
 }
 
 Daemon::Daemon(const std::string& mac, const std::vector<std::string>& extra, const std::string& binary,
-    const std::vector<std::string>& wrapper)
+    const std::vector<std::string>& wrapper, const std::vector<std::string>& env)
     : mac_(mac)
 {
-    Spawn spawn{wrapper, {}, dir_.file("stdout"), dir_.file("stderr"), false};
+    Spawn spawn{wrapper, env, dir_.file("stdout"), dir_.file("stderr"), false};
     spawn.argv.insert(spawn.argv.end(), {binary, "-d", "-m", mac});
     spawn.argv.insert(spawn.argv.end(), extra.begin(), extra.end());
     child_ = std::make_unique<Child>(spawn);
@@ -118,12 +118,15 @@ bool answers(const std::string& mac)
     return sessionCall(mac, "ready-probe", "{}", -1, 5).rc == 0;
 }
 
+bool isLocked(const std::string& path)
+{
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd && flock(fd.get(), LOCK_SH | LOCK_NB) != 0;
+}
+
 pid_t lockHolder(const std::string& mac)
 {
-    UniqueFd fd(open(lockPath(mac).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd || flock(fd.get(), LOCK_SH | LOCK_NB) == 0)
-        return 0;
-    return static_cast<pid_t>(std::atol(readFile(lockPath(mac)).c_str()));
+    return isLocked(lockPath(mac)) ? static_cast<pid_t>(std::atol(readFile(lockPath(mac)).c_str())) : 0;
 }
 
 bool signalSession(const std::string& mac, int signo)
@@ -150,11 +153,25 @@ void killSessions()
     globfree(&found);
 }
 
-RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& input)
+namespace {
+
+std::vector<std::string> ctlArgv(const std::vector<std::string>& args)
 {
     std::vector<std::string> argv = {ctlBinary()};
     argv.insert(argv.end(), args.begin(), args.end());
-    return run(argv, env, input);
+    return argv;
+}
+
+}  // namespace
+
+RunResult ctl(const std::vector<std::string>& args, const std::vector<std::string>& env, const std::string& input)
+{
+    return run(ctlArgv(args), env, input);
+}
+
+RunResult ctlAs(int uid, const std::vector<std::string>& args)
+{
+    return runAs(uid, ctlArgv(args));
 }
 
 void installDaemon()

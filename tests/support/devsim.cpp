@@ -11,19 +11,9 @@
 
 namespace Orvex::Test {
 
-namespace {
-
-std::string text(json_t* record, const char* key)
-{
-    json_t* value = json_object_get(record, key);
-    return json_is_string(value) ? std::string(json_string_value(value), json_string_length(value)) : "";
-}
-
-}  // namespace
-
 std::string Logged::header(const char* name) const
 {
-    return text(headers.get(), name);
+    return textAt(headers.get(), name);
 }
 
 std::vector<int> startDevsim(std::vector<std::string> argv, size_t devices, std::unique_ptr<Child>& child)
@@ -55,6 +45,15 @@ std::vector<int> startDevsim(std::vector<std::string> argv, size_t devices, std:
         }
     }
     return ports;
+}
+
+std::vector<int> startFleet(size_t devices, std::unique_ptr<Child>& child, bool tls)
+{
+    std::vector<std::string> argv = {ORVEX_DEVSIM, "--family", "mixed", "--devices", std::to_string(devices),
+                                     "--port", "0", "--stdin-watch"};
+    if (tls)
+        argv.push_back("--tls");
+    return startDevsim(argv, devices, child);
 }
 
 Devsim::Devsim(const std::string& family, bool tls, const std::vector<std::string>& extra) : tls_(tls)
@@ -94,7 +93,7 @@ std::vector<Logged> Devsim::requests() const
         JsonRef record = parseJson(line);
         if (!record)
             continue;
-        out.push_back({text(record.get(), "method"), text(record.get(), "target"), text(record.get(), "body"),
+        out.push_back({textAt(record.get(), "method"), textAt(record.get(), "target"), textAt(record.get(), "body"),
                        JsonRef::borrow(json_object_get(record.get(), "headers")), std::move(record)});
     }
     return out;

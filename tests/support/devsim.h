@@ -28,6 +28,9 @@ struct Logged {
 // <scheme>://<host>:<port>", one per device) into child. Returns the ports in device order;
 // throws when a line does not come within 20 s.
 std::vector<int> startDevsim(std::vector<std::string> argv, size_t devices, std::unique_ptr<Child>& child);
+// One simulator playing `devices` devices on 127.0.0.1, legacy and token in turn, over
+// TLS when tls is set; their ports in device order.
+std::vector<int> startFleet(size_t devices, std::unique_ptr<Child>& child, bool tls = false);
 
 class Devsim {
 public:

@@ -72,6 +72,13 @@ std::string readFile(const std::string& path)
     return text.str();
 }
 
+std::string writeFile(const std::string& path, const std::string& content, unsigned mode)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    chmod(path.c_str(), mode);
+    return path;
+}
+
 std::vector<std::string> lines(const std::string& text)
 {
     std::vector<std::string> out;
@@ -96,7 +103,19 @@ std::string dump(json_t* value)
     return result;
 }
 
+std::string textAt(json_t* object, const char* key)
+{
+    json_t* value = json_object_get(object, key);
+    return json_is_string(value) ? std::string(json_string_value(value), json_string_length(value)) : "";
+}
+
 namespace {
+
+// A wait status as Child::wait reports it: the exit status, or 128 + the signal.
+int exitStatus(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 void redirect(int target, const std::string& path, int flags)
 {
@@ -161,29 +180,25 @@ bool Child::running()
     return wait(0ms) == -1;
 }
 
-int Child::waitEnd()
+bool Child::reap(int flags)
 {
     int status = 0;
-    if (!reaped_ && waitpid(pid_, &status, 0) == pid_) {
+    if (!reaped_ && waitpid(pid_, &status, flags) == pid_) {
         reaped_ = true;
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        status_ = exitStatus(status);
     }
+    return reaped_;
+}
+
+int Child::waitEnd()
+{
+    reap(0);
     return status_;
 }
 
 int Child::wait(std::chrono::milliseconds timeout)
 {
-    auto done = [this] {
-        if (reaped_)
-            return true;
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) != pid_)
-            return false;
-        reaped_ = true;
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return true;
-    };
-    return waitFor(done, timeout) ? status_ : -1;
+    return waitFor([this] { return reap(WNOHANG); }, timeout) ? status_ : -1;
 }
 
 void Child::signal(int signo)
@@ -227,7 +242,7 @@ int inChild(const std::function<void()>& body, bool quiet)
     }
     int status = 0;
     waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return exitStatus(status);
 }
 
 Stranger::Stranger(const std::function<std::string()>& setup)

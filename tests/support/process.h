@@ -38,6 +38,8 @@ private:
 // Re-checks cond every few milliseconds until it holds or the time is up.
 bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout = 10s);
 std::string readFile(const std::string& path);
+// Writes content as the whole file at path with these permission bits; returns path.
+std::string writeFile(const std::string& path, const std::string& content, unsigned mode = 0644);
 // Permission bits of path itself (a link is not followed), 0 when there is nothing.
 unsigned modeOf(const std::string& path);
 // The lines of a text, without their ends (a last line without one is left out).
@@ -50,6 +52,8 @@ inline bool contains(const std::string& text, const std::string& part)
 JsonRef parseJson(const std::string& text);
 // Compact text of a value, keys sorted (for comparisons and messages).
 std::string dump(json_t* value);
+// The string under key of a JSON object, "" when there is none.
+std::string textAt(json_t* object, const char* key);
 
 struct Spawn {
     std::vector<std::string> argv;
@@ -82,6 +86,9 @@ public:
     void closeStdin();
 
 private:
+    // waitpid with these flags unless already reaped; true once reaped.
+    bool reap(int flags);
+
     pid_t pid_ = -1;
     int status_ = -1;
     bool reaped_ = false;

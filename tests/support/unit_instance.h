@@ -26,28 +26,27 @@ struct UnitDaemonOptions {
 
 class UnitDaemon {
 public:
-    UnitDaemon(const std::string& mac, const UnitDaemonOptions& options)
-        : mac_(mac), manager_(dir_.file("notify"))
+    UnitDaemon(const std::string& mac, const UnitDaemonOptions& options) : mac_(mac)
     {
         if (options.port != 0)
             writeDeviceConfig(DeviceConfig{mac, "127.0.0.1", options.port, "admin", options.secure, options.idle});
-        std::vector<std::string> env = {"NOTIFY_SOCKET=" + manager_.path()};
+        std::vector<std::string> env = {manager_.env()};
         if (options.credential) {
             std::string folder = dir_.file("credentials");
             mkdir(folder.c_str(), 0700);
             std::ofstream(folder + "/" + Paths::kCredentialName) << "secret";
             env.push_back("CREDENTIALS_DIRECTORY=" + folder);
         }
-        child_ = std::make_unique<Child>(Spawn{{daemonBinary(), "-d", "-m", mac, "--unit"}, env,
-            dir_.file("stdout"), dir_.file("stderr"), false});
+        daemon_ = std::make_unique<Daemon>(mac, std::vector<std::string>{"--unit"}, daemonBinary(),
+            std::vector<std::string>{}, env);
     }
     ~UnitDaemon() { removeDeviceFiles(mac_); }
     UnitDaemon(const UnitDaemon&) = delete;
     UnitDaemon& operator=(const UnitDaemon&) = delete;
 
     NotifySocket& manager() { return manager_; }
-    Child& process() { return *child_; }
-    std::string log() const { return readFile(dir_.file("stderr")); }
+    Child& process() { return daemon_->process(); }
+    std::string log() const { return daemon_->log(); }
 
     // The last record of the status file once the process has ended: "state: reason".
     std::string end() const
@@ -62,7 +61,7 @@ private:
     std::string mac_;
     TempDir dir_;
     NotifySocket manager_;
-    std::unique_ptr<Child> child_;
+    std::unique_ptr<Daemon> daemon_;
 };
 
 }  // namespace Orvex::Test

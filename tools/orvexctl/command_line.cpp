@@ -114,17 +114,18 @@ struct Word {
             value = text.substr(eq + 1);
         }
     }
+    // The option's value: after its "=", else the next word (args[++i]).
+    std::string take(const Args& args, size_t& i) const { return hasValue ? value : requireValue(args, i, name); }
 };
 
 // The options that start and call share; false when args[i] is none of them.
 bool applyCommonOption(Command& command, const Args& args, size_t& i, bool many)
 {
     Word word(args[i]);
-    auto take = [&]() { return word.hasValue ? word.value : requireValue(args, i, word.name); };
     if (word.name == "--timeout")
-        command.timeoutSeconds = parseNumber(take(), 1, 3600, "timeout");
+        command.timeoutSeconds = parseNumber(word.take(args, i), 1, 3600, "timeout");
     else if (word.name == "--parallel" && many)
-        command.parallel = parseNumber(take(), 1, 64, "parallel");
+        command.parallel = parseNumber(word.take(args, i), 1, 64, "parallel");
     else
         return false;
     return true;
@@ -134,11 +135,10 @@ bool applyCommonOption(Command& command, const Args& args, size_t& i, bool many)
 bool applyEnableOption(Command& command, const Args& args, size_t& i)
 {
     Word word(args[i]);
-    auto take = [&]() { return word.hasValue ? word.value : requireValue(args, i, word.name); };
     if (word.name == "--idle")
-        command.idleSeconds = parseNumber(take(), 0, 365 * 24 * 3600, "idle");
+        command.idleSeconds = parseNumber(word.take(args, i), 0, 365 * 24 * 3600, "idle");
     else if (word.name == "--timeout")
-        command.timeoutSeconds = parseNumber(take(), 0, 3600, "timeout");
+        command.timeoutSeconds = parseNumber(word.take(args, i), 0, 3600, "timeout");
     else
         return false;
     return true;
@@ -152,26 +152,25 @@ void applyStartOption(Command& command, const Args& args, size_t& i)
     if (enable ? applyEnableOption(command, args, i) : applyCommonOption(command, args, i, many))
         return;
     Word word(args[i]);
-    auto take = [&]() { return word.hasValue ? word.value : requireValue(args, i, word.name); };
     if (word.name == "--ip" && !many)
-        command.ip = take();
+        command.ip = word.take(args, i);
     else if (word.name == "--port" && !many)
-        command.port = parseNumber(take(), 1, 65535, "port");
+        command.port = parseNumber(word.take(args, i), 1, 65535, "port");
     else if (word.name == "--user" && !many)
-        command.user = take();
+        command.user = word.take(args, i);
     else if (word.name == "--pass")
         throw UsageError("--pass would show the password to every user in the process list; use --pass-env VAR "
                          "or --pass-stdin");
     else if (word.name == "--pass-env")
-        setPass(command, PassSource::Environment, take());
+        setPass(command, PassSource::Environment, word.take(args, i));
     else if (word.name == "--pass-stdin" && !word.hasValue)
         setPass(command, PassSource::Stdin, "");
     else if (word.name == "--pass-file" && many)
-        setPass(command, PassSource::File, take());
+        setPass(command, PassSource::File, word.take(args, i));
     else if (word.name == "--secure" && !word.hasValue && !many)
         command.secure = true;
     else if (word.name == "--level" && !enable)
-        command.level = parseNumber(take(), 0, 8, "level");
+        command.level = parseNumber(word.take(args, i), 0, 8, "level");
     else if (word.name == "--replace" && !word.hasValue)
         command.replace = true;
     else
@@ -190,7 +189,7 @@ Command parseStart(const Args& args, Action action)
     size_t i = 1;
     if (action == Action::Start && first.name == "--from") {
         command.action = Action::StartFrom;
-        command.file = first.hasValue ? first.value : requireValue(args, i, "--from");
+        command.file = first.take(args, i);
     } else {
         command.mac = normaliseMac(args[1]);
     }
@@ -234,7 +233,7 @@ Command parseCall(const Args& args)
             many = true;
             command.action = Action::CallMany;
             if (word.name == "--macs")
-                command.file = word.hasValue ? word.value : requireValue(args, i, word.name);
+                command.file = word.take(args, i);
         } else {
             words.push_back(args[i]);
         }
@@ -263,8 +262,7 @@ Command parseStop(const Args& args)
     for (size_t i = 1; i < args.size(); ++i) {
         Word word(args[i]);
         if (word.name == "--grace")
-            command.graceSeconds = parseNumber(word.hasValue ? word.value : requireValue(args, i, word.name), 0,
-                3600, "grace");
+            command.graceSeconds = parseNumber(word.take(args, i), 0, 3600, "grace");
         else if (target)
             throw UsageError("stop takes one MAC address or --all");
         else if (args[i] == "--all")

@@ -47,6 +47,10 @@ struct Outcome {
     std::string message;
 };
 
+// The one-device form of an outcome: the reply on standard output, the reason on standard
+// error; returns the exit code.
+int printOutcome(const Outcome& outcome);
+
 struct StartRequest {
     DeviceEntry device;
     std::string pass;
@@ -55,6 +59,10 @@ struct StartRequest {
     bool replace = false;
 };
 
+// start and start --from: the command's settings for one device, without the password.
+StartRequest startRequest(const Command& command, const DeviceEntry& device);
+// Throws unless the daemon that start launches is installed.
+void requireDaemon();
 // Never throw: every failure is an outcome.
 Outcome startDevice(const StartRequest& request);
 // Before a new session of the MAC: nothing when none runs; kExitRunning when one runs and
@@ -62,6 +70,8 @@ Outcome startDevice(const StartRequest& request);
 Outcome makeRoom(const std::string& mac, bool replace);
 // The exit code of a sign-in that failed with the cause the daemon recorded.
 int signinExitCode(const std::string& cause);
+// The argument object of call (command.json); UsageError unless it is one JSON object.
+JsonRef callArguments(const Command& command);
 // args: the call's argument object (borrowed, not changed).
 Outcome callDevice(const std::string& mac, const std::string& method, json_t* args, int timeoutSeconds);
 

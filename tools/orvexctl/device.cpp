@@ -1,6 +1,9 @@
 // One device's start or call, as an outcome: what both the one-device commands and the
 // fleet commands run.
+#include <unistd.h>
+
 #include <exception>
+#include <stdexcept>
 
 #include <Poco/Exception.h>
 
@@ -8,6 +11,7 @@
 #include "client/fleet.h"
 #include "common/exceptions.h"
 #include "common/misc.h"
+#include "common/paths.h"
 #include "option/option.h"
 #include "tools/orvexctl/ctl.h"
 
@@ -116,6 +120,22 @@ Outcome makeRoom(const std::string& mac, bool replace)
     return Outcome{};
 }
 
+StartRequest startRequest(const Command& command, const DeviceEntry& device)
+{
+    StartRequest request;
+    request.device = device;
+    request.level = command.level;
+    request.timeoutSeconds = command.timeoutSeconds;
+    request.replace = command.replace;
+    return request;
+}
+
+void requireDaemon()
+{
+    if (::access(Paths::kDaemonPath, X_OK) != 0)
+        throw std::runtime_error(std::string(Paths::kDaemonPath) + " is not installed");
+}
+
 Outcome startDevice(const StartRequest& request)
 {
     const DeviceEntry& d = request.device;
@@ -137,6 +157,14 @@ Outcome startDevice(const StartRequest& request)
         outcome.reply = std::move(reply);
         return outcome;
     });
+}
+
+JsonRef callArguments(const Command& command)
+{
+    JsonRef args = JsonRef::adopt(json_loads(command.json.c_str(), 0, nullptr));
+    if (!json_is_object(args.get()))
+        throw UsageError("the arguments of " + command.method + " must be one JSON object");
+    return args;
 }
 
 Outcome callDevice(const std::string& mac, const std::string& method, json_t* args, int timeoutSeconds)

@@ -55,10 +55,8 @@ int runEnable(const Command& command)
     const std::string pass = password(command);
     requireSystemd("enable");
     Outcome room = makeRoomForInstance(command);
-    if (room.code != kExitDone) {
-        std::fprintf(stderr, "orvexctl: %s\n", room.message.c_str());
-        return room.code;
-    }
+    if (room.code != kExitDone)
+        return printOutcome(room);
     const DeviceConfig config{command.mac, command.ip, command.port, command.user, command.secure, command.idleSeconds};
     const Stored stored = enableInstance(config, pass);
     const std::string unit = Paths::unitName(command.mac);
@@ -75,9 +73,7 @@ int runEnable(const Command& command)
     else if (record.signedIn)
         std::printf("%s signed in to %s device %s:%u (pid %d)\n", command.mac.c_str(), familyName(record.family),
             record.host.c_str(), record.port, static_cast<int>(record.pid));
-    if (!first.message.empty())
-        std::fprintf(stderr, "orvexctl: %s\n", first.message.c_str());
-    return first.code;
+    return printOutcome(first);
 }
 
 int runDisable(const Command& command)

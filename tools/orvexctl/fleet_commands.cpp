@@ -1,18 +1,14 @@
 // start --from and call --all/--macs: one device's start or call for many devices, a few
 // at a time, one JSON line per device as each is done (it carries the MAC), then a summary.
-#include <unistd.h>
-
 #include <cstdio>
 #include <functional>
 #include <map>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "client/fleet.h"
-#include "common/paths.h"
 #include "tools/orvexctl/ctl.h"
 
 namespace Orvex {
@@ -70,17 +66,12 @@ int runStartFrom(const Command& command)
         passwords = readPasswordFile(command.passFile);
     else
         shared = password(command);
-    if (access(Paths::kDaemonPath, X_OK) != 0)
-        throw std::runtime_error(std::string(Paths::kDaemonPath) + " is not installed");
+    requireDaemon();
     std::vector<std::string> macs;
     for (const DeviceEntry& device : devices)
         macs.push_back(device.mac);
     return runFleet(macs, command.parallel, [&](size_t i) {
-        StartRequest request;
-        request.device = devices[i];
-        request.level = command.level;
-        request.timeoutSeconds = command.timeoutSeconds;
-        request.replace = command.replace;
+        StartRequest request = startRequest(command, devices[i]);
         request.pass = shared;
         if (command.passSource == PassSource::File) {
             auto found = passwords.find(devices[i].mac);
@@ -98,9 +89,7 @@ int runStartFrom(const Command& command)
 
 int runCallMany(const Command& command)
 {
-    JsonRef args = JsonRef::adopt(json_loads(command.json.c_str(), 0, nullptr));
-    if (!json_is_object(args.get()))
-        throw UsageError("the arguments of " + command.method + " must be one JSON object");
+    callArguments(command);  // refused before any session is called
     const std::vector<std::string> macs = command.file.empty() ? runningMacs() : readMacFile(command.file);
     return runFleet(macs, command.parallel, [&](size_t i) {
         // Each thread its own copy: jansson values are not shared between threads.

@@ -72,43 +72,25 @@ std::string environmentPassword(const std::string& name)
     return pass;
 }
 
-// The one-device form of an outcome: the reply on standard output, the reason on error.
-int printOutcome(const Outcome& outcome)
-{
-    if (outcome.reply)
-        printJson(outcome.reply.get());
-    if (!outcome.message.empty())
-        std::fprintf(stderr, "orvexctl: %s\n", outcome.message.c_str());
-    return outcome.code;
-}
-
 int runStart(const Command& command)
 {
-    StartRequest request;
+    StartRequest request =
+        startRequest(command, DeviceEntry{command.mac, command.ip, command.port, command.user, command.secure});
     request.pass = password(command);
-    if (access(Paths::kDaemonPath, X_OK) != 0)
-        throw std::runtime_error(std::string(Paths::kDaemonPath) + " is not installed");
-    request.device = DeviceEntry{command.mac, command.ip, command.port, command.user, command.secure};
-    request.level = command.level;
-    request.timeoutSeconds = command.timeoutSeconds;
-    request.replace = command.replace;
+    requireDaemon();
     return printOutcome(startDevice(request));
 }
 
 int runCall(const Command& command)
 {
-    JsonRef args = JsonRef::adopt(json_loads(command.json.c_str(), 0, nullptr));
-    if (!json_is_object(args.get()))
-        throw UsageError("the arguments of " + command.method + " must be one JSON object");
+    JsonRef args = callArguments(command);
     return printOutcome(callDevice(command.mac, command.method, args.get(), command.timeoutSeconds));
 }
 
 // help answers with plain text, which the JSON call path would drop: ask the bus directly.
 int runHelp(const Command& command)
 {
-    JsonRef args = JsonRef::adopt(json_loads(command.json.c_str(), 0, nullptr));
-    if (!json_is_object(args.get()))
-        throw UsageError("the arguments of help must be one JSON object");
+    JsonRef args = callArguments(command);
     ZsIoPtr io = makeZsIo();
     char* body = json_dumps(args.get(), JSON_COMPACT);
     zs_io_write(io.get(), body, strlen(body));
@@ -273,6 +255,15 @@ void printJson(json_t* value)
         std::fflush(stdout);
     }
     free(text);
+}
+
+int printOutcome(const Outcome& outcome)
+{
+    if (outcome.reply)
+        printJson(outcome.reply.get());
+    if (!outcome.message.empty())
+        std::fprintf(stderr, "orvexctl: %s\n", outcome.message.c_str());
+    return outcome.code;
 }
 
 std::string compactJson(json_t* value)
