@@ -150,8 +150,13 @@ StopReport terminate(std::vector<Target> targets, milliseconds grace)
                 t.ended.how = "SIGKILL";
         waitGone(targets, milliseconds(2000));
     }
-    for (const Target& t : targets)
-        (t.process.running() ? report.survivors : report.ended).push_back(t.ended);
+    for (const Target& t : targets) {
+        const bool survived = t.process.running();
+        // A killed session could not record its end: the stop does it, whoever asked for it.
+        if (!survived && t.ended.how == "SIGKILL" && !t.ended.mac.empty())
+            recordKilled(t.ended.mac, t.ended.pid, "SIGKILL after the stop's grace period");
+        (survived ? report.survivors : report.ended).push_back(t.ended);
+    }
     return report;
 }
 

@@ -111,12 +111,9 @@ JsonRef endedJson(const std::vector<Control::Ended>& list)
 }
 
 // One line per session that ended (or one JSON object); survivors on standard error and in
-// the exit code. A session that had to be killed could not record its end: it is done here.
+// the exit code.
 int reportStop(const Control::StopReport& report, const Command& command)
 {
-    for (const Control::Ended& e : report.ended)
-        if (e.how == "SIGKILL" && !e.mac.empty())
-            recordKilled(e.mac, e.pid, "SIGKILL after the stop's grace period");
     if (command.jsonOutput) {
         printJson(JsonRef::adopt(json_pack("{so so}", "ended", endedJson(report.ended).release(), "survivors",
             endedJson(report.survivors).release())).get());
