@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <stdexcept>
 #include <thread>
@@ -18,6 +17,7 @@
 #include <Poco/Process.h>
 #include <Poco/StreamCopier.h>
 
+#include "common/files.h"
 #include "common/paths.h"
 
 namespace Orvex {
@@ -72,18 +72,8 @@ std::string encrypted(const std::string& password)
 // A file of the unit's configuration: readable by all, like the unit itself.
 void writeUnitFile(const std::string& path, const std::string& text)
 {
-    std::string temporary = path + ".new";
-    {
-        std::ofstream file(temporary, std::ios::trunc);
-        file << text;
-        if (!file.flush())
-            throw std::runtime_error(path + ": cannot write: " + std::strerror(errno));
-    }
-    if (::chmod(temporary.c_str(), 0644) != 0 || ::rename(temporary.c_str(), path.c_str()) != 0) {
-        int saved = errno;
-        ::unlink(temporary.c_str());
-        throw std::runtime_error(path + ": cannot write: " + std::strerror(saved));
-    }
+    if (replaceFile(path, text, 0644, false) != Replaced::Done)
+        throw std::runtime_error(path + ": cannot write: " + std::strerror(errno));
 }
 
 Stored storePassword(const std::string& mac, const std::string& password)
