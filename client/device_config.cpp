@@ -99,7 +99,7 @@ void fromJson(json_t* o, const std::string& path, DeviceConfig& config)
         fail(path, "\"secure\" is not true or false");
     config.secure = json_is_true(secure);
     if (json_object_get(o, "idle") != nullptr)
-        config.idleSeconds = static_cast<long>(requireNumber(o, "idle", 0, 365L * 24 * 3600, path));
+        config.idleSeconds = static_cast<long>(requireNumber(o, "idle", 0, Idle::kMaxSeconds, path));
 }
 
 void removeIfThere(const std::string& path, bool& removed)

@@ -14,6 +14,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "common/idle.h"
+
 namespace Orvex {
 
 class ConfigError : public std::runtime_error {
@@ -22,15 +24,12 @@ public:
 };
 
 struct DeviceConfig {
-    // The keep-alive's idle limit unless the settings say otherwise.
-    static constexpr long kDefaultIdleSeconds = 600;
-
     std::string mac;
     std::string ip;
     int port = 0;
     std::string user;
     bool secure = false;
-    long idleSeconds = kDefaultIdleSeconds;  // 0: never idle
+    long idleSeconds = Idle::kDefaultSeconds;  // 0: never idle
 };
 
 // Replaces the MAC's settings file whole (temporary file, then rename), creating the folder.

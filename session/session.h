@@ -19,6 +19,7 @@
 #pragma once
 
 #include "common/exceptions.h"
+#include "common/idle.h"
 #include "common/raii.h"
 #include "option/option.h"
 
@@ -201,7 +202,7 @@ private:
     };
     IdentityJson modelJson, serialJson, firmwareJson, hostnameJson;
     std::atomic<time_t> lastAccess{0};
-    std::atomic<time_t> idleLimit{600};
+    std::atomic<time_t> idleLimit{Idle::kDefaultSeconds};
     // Set by signout(), cleared by signin(): a legacy sign-out leaves the session id.
     bool signedOut = false;
     std::unique_ptr<session_detail::TlsClient> tls;

@@ -136,7 +136,7 @@ bool applyEnableOption(Command& command, const Args& args, size_t& i)
 {
     Word word(args[i]);
     if (word.name == "--idle")
-        command.idleSeconds = parseNumber(word.take(args, i), 0, 365 * 24 * 3600, "idle");
+        command.idleSeconds = parseNumber(word.take(args, i), 0, Idle::kMaxSeconds, "idle");
     else if (word.name == "--timeout")
         command.timeoutSeconds = parseNumber(word.take(args, i), 0, 3600, "timeout");
     else

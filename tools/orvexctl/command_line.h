@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "common/idle.h"
+
 namespace Orvex {
 namespace ctl {
 
@@ -40,7 +42,7 @@ struct Command {
     bool replace = false;     // Start, StartFrom, Enable: stop a session that runs for the MAC first
     std::string file;    // StartFrom: the device file; CallMany: the MAC file ("" for --all)
     int parallel = 8;    // StartFrom, CallMany: devices at a time
-    long idleSeconds = 600;  // Enable: the session's idle limit, 0 for never
+    long idleSeconds = Idle::kDefaultSeconds;  // Enable: the session's idle limit, 0 for never
     int graceSeconds = 5;  // Stop, StopAll
     bool all = false;    // List: every session, not only running and abnormally ended ones
     bool ended = false;  // Forget: every session that no longer runs
