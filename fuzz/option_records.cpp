@@ -39,8 +39,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     json_t* raw = args.get();
     JsonRef before = JsonRef::adopt(json_deep_copy(raw));
     attempt([&] { FUZZ_CHECK(validPort(SigninOption(raw).port, 1), "signin port in range"); });
-    // The port probe runs lsof through popen (a shell per input, the machine's real
-    // sockets): the port keys are dropped from a copy, so the switch rules still run.
+    // The port probe reads the machine's real socket tables and scans /proc (per input, and
+    // its answer depends on the machine): the port keys are dropped from a copy, so the
+    // switch rules still run.
     JsonRef server = JsonRef::adopt(json_deep_copy(raw));
     if (json_is_object(server.get())) {
         json_object_del(server.get(), "tcp_port");

@@ -15,6 +15,7 @@
 
 #include "common/misc.h"
 #include "common/paths.h"
+#include "common/proc.h"
 #include "tests/support/daemon.h"
 
 namespace Orvex::Test {
@@ -285,7 +286,7 @@ TEST_F(Fleet, StopNeverSignalsAProcessThatTookTheSessionsPid)
             return 2;
         const pid_t pid = session.process().pid();
         session.process().signal(SIGSTOP);
-        if (!waitFor([&] { return readFile("/proc/" + std::to_string(pid) + "/stat").find(") T ") != std::string::npos; }))
+        if (!waitFor([&] { Proc::Stat st; return Proc::stat(pid, st) && st.state == 'T'; }))
             return 2;
         Child stop(Spawn{{ctlBinary(), "stop", mac, "--grace", "2"}, {}, "", ""});
         // Reaped the moment it ends, so that its pid is free at once.

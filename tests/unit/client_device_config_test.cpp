@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -17,12 +16,6 @@ namespace Orvex::Test {
 namespace {
 
 const std::string kMac = "02:00:00:00:25:10";
-
-void writeRaw(const std::string& path, const std::string& text, mode_t mode = 0600)
-{
-    std::ofstream(path, std::ios::trunc) << text;
-    chmod(path.c_str(), mode);
-}
 
 // The reason a settings file is refused, or "" when it is read.
 std::string refusal()
@@ -60,7 +53,7 @@ TEST_F(DeviceConfigFile, RoundTripsInARootOnlyFileAndFolder)
     EXPECT_EQ(read.idleSeconds, 0);
 
     // Written by hand without the optional keys: plain HTTP and the 600 s idle limit.
-    writeRaw(path, R"({"mac":")" + kMac + R"(","ip":"10.0.0.9","port":80,"user":"ops"})");
+    writeFile(path, R"({"mac":")" + kMac + R"(","ip":"10.0.0.9","port":80,"user":"ops"})", 0600);
     ASSERT_TRUE(readDeviceConfig(kMac, read));
     EXPECT_FALSE(read.secure);
     EXPECT_EQ(read.idleSeconds, 600);
@@ -88,14 +81,14 @@ TEST_F(DeviceConfigFile, NoFileIsNoConfigurationAndEveryUntrustedFileIsRefusedBy
         {R"({"mac":")" + kMac + R"(","ip":"a","port":1,"user":"u","idle":-1})", 0600, "\"idle\" is not a number"},
     };
     for (const Case& c : cases) {
-        writeRaw(path, c.text, c.mode);
+        writeFile(path, c.text, c.mode);
         std::string reason = refusal();
         EXPECT_EQ(reason.rfind(path + ": ", 0), 0u) << reason;
         EXPECT_NE(reason.find(c.reason), std::string::npos) << c.text << " -> " << reason;
     }
     // A link is not followed, even to a good file of ours.
     TempDir dir;
-    writeRaw(dir.file("elsewhere"), good);
+    writeFile(dir.file("elsewhere"), good, 0600);
     unlink(path.c_str());
     ASSERT_EQ(symlink(dir.file("elsewhere").c_str(), path.c_str()), 0);
     EXPECT_NE(refusal().find("refused"), std::string::npos) << refusal();
@@ -121,9 +114,9 @@ TEST(PasswordCredential, ReadFromTheCredentialsDirectoryWithoutTheLastNewline)
     EXPECT_FALSE(readPasswordCredential().has_value()) << "no credentials at all";
     setenv("CREDENTIALS_DIRECTORY", dir.path().c_str(), 1);
     EXPECT_FALSE(readPasswordCredential().has_value()) << "credentials, but not the password";
-    writeRaw(dir.file("password"), "se cret\n\n");
+    writeFile(dir.file("password"), "se cret\n\n", 0600);
     EXPECT_EQ(readPasswordCredential().value_or("-"), "se cret\n");
-    writeRaw(dir.file("password"), "secret");
+    writeFile(dir.file("password"), "secret", 0600);
     EXPECT_EQ(readPasswordCredential().value_or("-"), "secret");
     unsetenv("CREDENTIALS_DIRECTORY");
 }

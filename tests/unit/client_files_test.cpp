@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -20,10 +19,7 @@ namespace {
 std::string fileWith(const TempDir& dir, const std::string& content, mode_t mode = 0600)
 {
     static int files = 0;
-    const std::string path = dir.file("f" + std::to_string(++files));
-    std::ofstream(path) << content;
-    chmod(path.c_str(), mode);
-    return path;
+    return writeFile(dir.file("f" + std::to_string(++files)), content, mode);
 }
 
 std::string errorOf(const std::function<void()>& read)

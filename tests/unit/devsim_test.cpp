@@ -48,8 +48,7 @@ Answer get(int port, const std::string& target)
 TEST(Devsim, ManyDevicesInOneProcessEachOnItsOwnPortWithItsOwnState)
 {
     std::unique_ptr<Child> sim;
-    const std::vector<int> ports =
-        startDevsim({ORVEX_DEVSIM, "--family", "mixed", "--devices", "3", "--port", "0", "--stdin-watch"}, 3, sim);
+    const std::vector<int> ports = startFleet(3, sim);
     // Even devices play legacy, odd ones token; a token is good only where it was issued.
     const std::string grant = "/zem/oauth/token?grant_type=password&username=admin&password=" + Orvex::btoa("secret");
     EXPECT_EQ(get(ports[0], grant).status, 404);
